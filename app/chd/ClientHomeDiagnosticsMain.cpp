@@ -1,0 +1,68 @@
+// Process entry of the Client Home Diagnostics daemon.
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <csignal>
+#include <cstdlib>
+
+#include "ClientHomeDiagnostics.h"
+#include "tolvane/Logging.h"
+#include "tolvane/PlatformSettings.h"
+
+TL_REGISTER_LOGGING(true, 5);
+
+namespace {
+// Read by the SIGTERM handler; atomic so that a signal arriving on another
+// thread while main stores it sees either null or the finished object.
+std::atomic<ClientHomeDiagnosticsControl*> gControl{nullptr};
+}  // namespace
+
+void handleSignal(int sig) {
+  TL_TRACE();
+  if (sig == SIGABRT) {
+    TL_LOG(0, "CHD exiting on SIGABRT");
+  } else if (sig == SIGSEGV) {
+    TL_LOG(0, "CHD exiting on SIGSEGV");
+  }
+  // Re-raise with the default action so the process ends by this signal (and dumps core where enabled).
+  signal(sig, SIG_DFL);
+  kill(getpid(), sig);
+}
+
+void cleanup(int sig) {
+  TL_TRACE();
+  TL_LOG(0, "Received signal [%d] for the CHD applicaiton, stopping CHD", sig);
+  ClientHomeDiagnosticsControl* control = gControl.load();
+  if (control != nullptr) {
+    control->stop();
+  }
+  exit(1);  // NOLINT(concurrency-mt-unsafe): an orderly stop by SIGTERM ends with status 1
+}
+
+int main(int /*argc*/, char** /*argv*/) {
+  TL_TRACE();
+  logging_enable_syslog(1);
+  if (!Tolvane::PlatformSettings::getInstance()->hasChdSupport()) {
+    TL_LOG(2, "This platform does not support CHD");
+    return 0;
+  }
+  signal(SIGTERM, cleanup);
+  signal(SIGABRT, handleSignal);
+  signal(SIGSEGV, handleSignal);
+
+  auto* control = new ClientHomeDiagnosticsControl();  // NOLINT(cppcoreguidelines-owning-memory): lives until exit
+  gControl.store(control);
+
+  // Lowered before start() so that every thread it creates inherits the weaker priority.
+  const pid_t pid = getpid();
+  const int prio = getpriority(PRIO_PROCESS, static_cast<id_t>(pid));
+  TL_LOG(2, "chd process %d prio %d", static_cast<int>(pid), prio);
+  setpriority(PRIO_PROCESS, static_cast<id_t>(pid), prio + 5);
+  const int adjusted = getpriority(PRIO_PROCESS, static_cast<id_t>(pid));
+  TL_LOG(2, "chd process %d adjusted prio %d", static_cast<int>(pid), adjusted);
+
+  TL_LOG(0, "Starting CHD Control");
+  control->start();
+  return 0;
+}

@@ -1,0 +1,7 @@
+#include "tolvane/RefCount.h"
+
+namespace Tolvane {
+
+void RefCount::destroy() const { delete this; }
+
+}  // namespace Tolvane

@@ -1,0 +1,54 @@
+// Logging of the Tolvane framework.
+//
+// Levels: 0 errors, 2 warnings, 5 information, 6 detail, 7 traces.
+// A message is written when its level is at or below the threshold that its
+// source file registered (the platform may lower or raise all thresholds).
+#pragma once
+
+#include <functional>
+#include <string>
+
+// Registers a source file once: enable switches its messages on or off, level
+// is its threshold. Files that never register use the platform default.
+void register_logging(const char* file, bool enable, int level);
+
+void tl_log_print(int level, const char* function, const char* file, int line, const char* format, ...)
+    __attribute__((format(printf, 5, 6)));
+
+// Non-zero sends every message to the system log instead of standard error.
+void logging_enable_syslog(int enable);
+
+// Observers see every message, at every level and whatever the thresholds,
+// formatted, from the thread that logged it. For diagnostics and tests.
+typedef std::function<void(int level, const std::string& file, const std::string& message)> LogObserver;
+int logging_add_observer(LogObserver observer);
+void logging_remove_observer(int id);
+
+namespace Tolvane {
+
+// Scope trace: logs entry and exit of a function at level 7.
+class Tracer {
+ public:
+  Tracer(const char* function, const char* file, int line);
+  ~Tracer();
+  Tracer(const Tracer&) = delete;
+  Tracer& operator=(const Tracer&) = delete;
+
+ private:
+  const char* mFunction;
+  const char* mFile;
+  int mLine;
+};
+
+// Registers the file it is defined in when the program starts.
+class LogRegistration {
+ public:
+  LogRegistration(const char* file, bool enable, int level) { register_logging(file, enable, level); }
+};
+
+}  // namespace Tolvane
+
+#define TL_LOG(level, ...) tl_log_print((level), __PRETTY_FUNCTION__, __FILE__, __LINE__, __VA_ARGS__)
+#define TL_TRACE() const Tolvane::Tracer tlScopeTrace(__PRETTY_FUNCTION__, __FILE__, __LINE__)
+#define TL_REGISTER_LOGGING(enable, level) \
+  static const Tolvane::LogRegistration tlLogRegistration(__FILE__, (enable), (level))

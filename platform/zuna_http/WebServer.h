@@ -1,0 +1,103 @@
+// The UPnP stack's HTTP web server: providers answer GET requests on raw
+// connections, writing the response head and body themselves.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace Tolvane {
+class ServerSocket;
+}
+
+namespace zuna_http {
+
+// Byte stream of one connection.
+class ReaderWriter {
+ public:
+  virtual ~ReaderWriter() = default;
+  // Bytes written (all of them unless the peer went away), or negative on error.
+  virtual int64_t write(const void* data, size_t length) = 0;
+  virtual int64_t read(void* buffer, size_t length) = 0;
+};
+
+// A response or request head: a first line and header fields in the order added.
+class WebHeaderBase {
+ public:
+  virtual ~WebHeaderBase() = default;
+  void addField(const std::string& name, const std::string& value) { mFields.emplace_back(name, value); }
+  const std::vector<std::pair<std::string, std::string>>& getFields() const { return mFields; }
+  virtual std::string getFirstLine() const = 0;
+  // Writes the first line, the fields and the blank line that ends the head.
+  bool send(ReaderWriter* stream) const;
+
+ private:
+  std::vector<std::pair<std::string, std::string>> mFields;
+};
+
+class WebResponse : public WebHeaderBase {
+ public:
+  explicit WebResponse(int status) : mStatus(status) {}
+  int getStatus() const { return mStatus; }
+  std::string getFirstLine() const override;  // "HTTP/1.1 <status> <reason>"
+
+ private:
+  int mStatus;
+};
+
+class WebRequest {
+ public:
+  WebRequest(std::string method, std::string path) : mMethod(std::move(method)), mPath(std::move(path)) {}
+  // The normalised, percent-decoded path, without query.
+  const std::string& getPath() const { return mPath; }
+  const std::string& getMethod() const { return mMethod; }
+
+ private:
+  std::string mMethod;
+  std::string mPath;
+};
+
+// One accepted connection handed to a provider. The provider writes a head
+// (send) and then the body (write), and closes it.
+class WebSocket {
+ public:
+  virtual ~WebSocket() = default;
+  virtual bool send(const WebHeaderBase& head) = 0;
+  virtual int64_t write(const void* data, size_t length) = 0;
+  virtual ReaderWriter* getReaderWriter() = 0;
+  virtual void close() = 0;
+};
+
+class WebServiceProvider {
+ public:
+  virtual ~WebServiceProvider() = default;
+  // Runs on a worker thread of the web server.
+  virtual void handleRequest(WebSocket* socket, WebRequest* request) = 0;
+};
+
+class WebServer {
+ public:
+  enum Method { METHOD_UNKNOWN, METHOD_GET, METHOD_HEAD, METHOD_POST };
+
+  static WebServer* getSingleton();
+  static Method getMethod(const std::string& name);
+
+  // Serves requests of that method below path (an empty path: every path) on
+  // the listening socket, handing each to the provider on a worker thread.
+  // A request whose path leaves the server's root is answered 404 and never
+  // reaches a provider.
+  virtual bool registerProvider(WebServiceProvider* provider, Tolvane::ServerSocket* socket, Method method,
+                                const std::string& path) = 0;
+  // Stops serving the socket; requests already handed out finish.
+  virtual void unregisterSocket(Tolvane::ServerSocket* socket) = 0;
+  // Removes the provider everywhere and waits for its running requests.
+  virtual void unregisterProvider(WebServiceProvider* provider) = 0;
+
+ protected:
+  virtual ~WebServer() = default;
+};
+
+}  // namespace zuna_http

@@ -1,0 +1,47 @@
+// The UPnP stack's controller: runs the stack on the box's interfaces and
+// publishes root devices and web providers.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "tolvane/File.h"
+#include "zuna_http/WebServer.h"
+
+namespace zuna {
+namespace net {
+class NetworkManager;
+}
+}  // namespace zuna
+
+namespace zuna_upnp {
+
+class RootDevice;
+
+class Controller {
+ public:
+  static Controller* getInstance();
+
+  // Runs the stack on every listed interface that exists (empty names are
+  // skipped), following them as the monitor reports changes. serverNames are
+  // the device names of the servers the box works with.
+  virtual bool init(zuna::net::NetworkManager* monitor, Tolvane::StringVector interfaces,
+                    Tolvane::StringVector serverNames) = 0;
+  // Publishes the device and its services; it answers control points from
+  // now on. The device must outlive the controller's shutdown().
+  virtual bool addRootDevice(RootDevice* device) = 0;
+  // GET requests below path on the stack's own HTTP server go to provider.
+  virtual bool registerWebProvider(zuna_http::WebServiceProvider* provider, const std::string& method,
+                                   const std::string& path) = 0;
+  // Removes the provider and waits for its running requests.
+  virtual void unregisterWebProvider(zuna_http::WebServiceProvider* provider) = 0;
+  // The HTTP Server header value of the stack.
+  virtual std::string getServerString() = 0;
+  // Says goodbye on the network and stops all publishing.
+  virtual void shutdown() = 0;
+
+ protected:
+  virtual ~Controller() = default;
+};
+
+}  // namespace zuna_upnp
