@@ -1,0 +1,83 @@
+#!/bin/bash
+# Sets up, builds and runs every test: formatting, the normal build's whole
+# suite (unit, integration, end-to-end), the unit and integration tests again
+# under AddressSanitizer+UndefinedBehaviorSanitizer, a ThreadSanitizer build
+# with its unit tests, and short fuzz runs. Ends with "N passed, N failed".
+set -uo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+cd "$root"
+
+"$root/scripts/setup.sh" || exit 1
+
+passed=0
+failed=0
+failures=()
+
+count() {  # name status
+  if [ "$2" -eq 0 ]; then passed=$((passed + 1)); else failed=$((failed + 1)); failures+=("$1"); fi
+}
+
+# Adds the counts of one ctest run to the totals.
+run_ctest() {  # label dir ctest-args...
+  local label=$1 dir=$2
+  shift 2
+  local log
+  log=$(mktemp)
+  echo "=== ctest ($label): $*"
+  ctest --test-dir "$dir" --output-on-failure --no-tests=error "$@" 2>&1 | tee "$log"
+  local rc=${PIPESTATUS[0]}
+  local line total bad
+  line=$(grep -E 'tests passed, [0-9]+ tests? failed out of [0-9]+' "$log" | tail -n 1)
+  if [ -n "$line" ]; then
+    bad=$(sed -E 's/.* ([0-9]+) tests? failed out of ([0-9]+).*/\1/' <<<"$line")
+    total=$(sed -E 's/.* failed out of ([0-9]+).*/\1/' <<<"$line")
+    passed=$((passed + total - bad))
+    failed=$((failed + bad))
+    [ "$bad" -eq 0 ] || failures+=("ctest $label")
+  fi
+  if [ "$rc" -ne 0 ] && { [ -z "$line" ] || [ "$bad" -eq 0 ]; }; then
+    failed=$((failed + 1)); failures+=("ctest $label (exit $rc)")
+  fi
+  rm -f "$log"
+}
+
+echo "=== format"
+"$root/scripts/lint.sh" format
+count "clang-format" $?
+
+echo "=== build (normal)"
+if ! "$root/scripts/build.sh" normal -DCHD_BUILD_BENCH=ON; then
+  echo "build failed"; echo "0 passed, 1 failed"; exit 1
+fi
+run_ctest normal "$root/build" -j2 --timeout 900
+
+echo "=== build (asan+ubsan)"
+if "$root/scripts/build.sh" asan; then
+  ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+    LSAN_OPTIONS=suppressions=$root/tests/lsan.supp \
+    run_ctest asan "$root/build-asan" -j2 -L 'unit|integration' --timeout 900
+else
+  count "build asan" 1
+fi
+
+echo "=== build (tsan)"
+if "$root/scripts/build.sh" tsan; then
+  count "build tsan" 0
+  TSAN_OPTIONS="halt_on_error=1 suppressions=$root/tests/tsan.supp" \
+    run_ctest tsan "$root/build-tsan" -j2 -L tsan --timeout 900
+else
+  count "build tsan" 1
+fi
+
+if [ -x "$root/fuzz/run_fuzz.sh" ]; then
+  echo "=== fuzz (short)"
+  "$root/fuzz/run_fuzz.sh" "${CHD_FUZZ_SECONDS:-10}"
+  count "fuzz" $?
+fi
+
+echo
+if [ ${#failures[@]} -gt 0 ]; then
+  echo "failed: ${failures[*]}"
+fi
+echo "Total: $passed passed, $failed failed"
+[ "$failed" -eq 0 ]

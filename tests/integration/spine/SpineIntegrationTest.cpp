@@ -1,0 +1,130 @@
+// The control object, the manageable device and its services on the host platform.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>  // NOLINT(modernize-deprecated-headers): mkdtemp, setenv
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <future>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "ClientHomeDiagnostics.h"
+#include "ManageableDevice.h"
+#include "tolvane/Logging.h"
+#include "tolvane/PlatformSettings.h"
+#include "tolvane_host/HostPlatformSettings.h"
+
+namespace {
+
+class FixedPlatform : public Tolvane::PlatformSettings {
+ public:
+  explicit FixedPlatform(std::string logPath) : mLogPath(std::move(logPath)) {}
+  bool hasChdSupport() override { return true; }
+  std::string getModel() override { return "ABC"; }
+  std::string getManufacturer() override { return "Acme"; }
+  std::string getManufacturerId() override { return "42"; }
+  int getLocale() override { return 0; }
+  bool hasWifi() override { return false; }
+  bool hasLogChunking() override { return true; }
+  bool supportsDumpingEEDID() override { return false; }
+  bool hasAmazonEchoSupport() override { return false; }
+  std::string getLogPath() override { return mLogPath; }
+  std::string getAutoIPInterface() override { return ""; }
+  std::string getEthernetInterface() override { return "lo"; }
+
+ private:
+  std::string mLogPath;
+};
+
+class LogRecorder {
+ public:
+  LogRecorder() {
+    mId = logging_add_observer([this](int /*level*/, const std::string& /*file*/, const std::string& message) {
+      const std::lock_guard<std::mutex> lock(mMutex);
+      mLines.push_back(message);
+    });
+  }
+  ~LogRecorder() { logging_remove_observer(mId); }
+  LogRecorder(const LogRecorder&) = delete;
+  LogRecorder& operator=(const LogRecorder&) = delete;
+
+  bool contains(const std::string& text) {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    for (const std::string& line : mLines) {
+      if (line.find(text) != std::string::npos) {
+        return true;
+      }
+    }
+    return false;
+  }
+
+ private:
+  int mId;
+  std::mutex mMutex;
+  std::vector<std::string> mLines;
+};
+
+class SpineTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    char dir[] = "/tmp/chd-spine-XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    sTmp = dir;
+    const std::string conf = sTmp + "/platform.conf";
+    std::ofstream(conf) << "[platform]\nlog_path=" << sTmp << "/log\nethernet_interface=lo\n"
+                        << "[statusstore]\nbus=none\n[settings]\nfile=" << sTmp << "/settings.conf\n";
+    setenv("CHD_PLATFORM_CONFIG", conf.c_str(), 1);  // NOLINT(concurrency-mt-unsafe): before any thread
+    sPlatform = new FixedPlatform(sTmp + "/log");
+    Tolvane::host::setPlatformSettingsForTest(sPlatform);
+  }
+
+  static std::string sTmp;
+  static FixedPlatform* sPlatform;
+};
+
+std::string SpineTest::sTmp;
+FixedPlatform* SpineTest::sPlatform = nullptr;
+
+// Runs the whole start sequence on a thread, checks the device, then stops.
+TEST_F(SpineTest, StartBuildsTheDeviceAndStopWakesTheMainThread) {
+  LogRecorder log;
+  auto* control = new ClientHomeDiagnosticsControl();
+  std::future<bool> started = std::async(std::launch::async, [control] { return control->start(); });
+
+  for (int i = 0; i < 500 && control->getLogWatchHandler() == nullptr; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  ManageableDevice* device = control->getDevice();
+  ASSERT_NE(device, nullptr);
+  EXPECT_EQ(device->getFriendlyName(), "Acme RVU Client ManageableDevice");
+  EXPECT_EQ(device->getManufacturer(), "Acme");
+  EXPECT_EQ(device->getModelDescription(), "VESPARO ABC-42");
+  EXPECT_EQ(device->getModelName(), "ABC");
+  EXPECT_EQ(device->getModelNumber(), "42");
+  EXPECT_EQ(device->getTypeID().toString(), "urn:schemas-upnp-org:device:ManageableDevice:1");
+  ASSERT_EQ(device->getServiceCount(), 2U);
+  EXPECT_EQ(device->getService(0)->getName(), "ConfigurationManagement");
+  EXPECT_EQ(device->getService(1)->getName(), "BasicManagement");
+  EXPECT_TRUE(log.contains("Identifying client as [VESPARO ABC-42]"));
+  EXPECT_TRUE(log.contains("Using strings [Acme RVU Client ManageableDevice] [Acme] [42] [VESPARO ABC-42]"));
+
+  EXPECT_FALSE(device->updateUPnPServiceParam("", "key", "value", false));
+  EXPECT_TRUE(log.contains("service index [0] service [ConfigurationManagement]"));
+  EXPECT_TRUE(log.contains("service index [1] service [BasicManagement]"));
+  EXPECT_TRUE(log.contains("Couldn't find service[]"));
+  EXPECT_FALSE(device->updateUPnPServiceParam("configurationmanagement", "key", "value", false));
+  EXPECT_TRUE(log.contains("Couldn't find service[configurationmanagement]"));
+  EXPECT_TRUE(device->updateUPnPServiceParam("BasicManagement", "LogURIs", "x", false));
+
+  // Give start() time to reach its wait: a signal sent before it is not remembered.
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  EXPECT_TRUE(control->stop());
+  ASSERT_EQ(started.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+  EXPECT_TRUE(started.get());
+  delete control;  // releases the device and the network monitor
+}
+
+}  // namespace
