@@ -15,6 +15,10 @@ void register_logging(const char* file, bool enable, int level);
 void tl_log_print(int level, const char* function, const char* file, int line, const char* format, ...)
     __attribute__((format(printf, 5, 6)));
 
+// True when a message of this level from this source file would be written or
+// seen by an observer; lets a caller skip building a costly argument.
+bool tl_log_enabled(int level, const char* file);
+
 // Non-zero sends every message to the system log instead of standard error.
 void logging_enable_syslog(int enable);
 
