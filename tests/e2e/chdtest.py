@@ -140,13 +140,13 @@ class ChdEnv:
     def start_client_app(self, extra_args=None):
         args = [binary("chd-client-app"), "--bus", self.bus_address] + self.client_app_args + (extra_args or [])
         start = len(self.client_log())
-        self.client = subprocess.Popen(args, env=self.env(), stdout=open(self.client_log_file, "ab"),
-                                       stderr=subprocess.STDOUT)
+        with open(self.client_log_file, "ab") as log:
+            self.client = subprocess.Popen(args, env=self.env(), stdout=log, stderr=subprocess.STDOUT)
         iterate_until(lambda: "published" in self.client_log()[start:], 10, "the client application's settings")
 
     def start_chd(self, wait=True):
-        self.chd = subprocess.Popen([binary("chd")], env=self.env(), stdout=subprocess.DEVNULL,
-                                    stderr=open(self.chd_log_file, "ab"))
+        with open(self.chd_log_file, "ab") as log:
+            self.chd = subprocess.Popen([binary("chd")], env=self.env(), stdout=subprocess.DEVNULL, stderr=log)
         if wait:
             self.wait_log("Starting CHD Control", timeout=10)
             self.wait_for_name_owner(STORE_NAME, present=True, timeout=10)
@@ -190,6 +190,7 @@ class ChdEnv:
         if self.dbus_daemon is not None:
             self.dbus_daemon.terminate()
             self.dbus_daemon.wait(5)
+            self.dbus_daemon.stdout.close()
             self.dbus_daemon = None
 
     # -- logs --------------------------------------------------------------
@@ -315,7 +316,7 @@ class ControlPoint:
     """A GUPnP control point on one interface of the test's namespace."""
 
     def __init__(self, interface="lo", target=DEVICE_TYPE):
-        self.context = GUPnP.Context.new_full(interface, None, 0)
+        self.context = GUPnP.Context.new_full(interface, None, 0, GSSDP.UDAVersion.VERSION_1_0)
         self.control_point = GUPnP.ControlPoint.new(self.context, target)
         self.devices = []
         self.control_point.connect("device-proxy-available", lambda _cp, dev: self.devices.append(dev))

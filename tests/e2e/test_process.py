@@ -45,8 +45,9 @@ class ProcessTest(unittest.TestCase):
             self.assertIn("CHD exiting on SIGSEGV", env.chd_log())
 
     def _priorities(self, env, nice):
-        env.chd = subprocess.Popen(["nice", "-n", str(nice), binary("chd")], env=env.env(),
-                                   stdout=subprocess.DEVNULL, stderr=open(env.chd_log_file, "ab"))
+        with open(env.chd_log_file, "ab") as log:
+            env.chd = subprocess.Popen(["nice", "-n", str(nice), binary("chd")], env=env.env(),
+                                       stdout=subprocess.DEVNULL, stderr=log)
         env.wait_log("Starting CHD Control")
         log = env.chd_log()
         pid = env.chd.pid
