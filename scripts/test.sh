@@ -63,7 +63,7 @@ fi
 echo "=== build (tsan)"
 if "$root/scripts/build.sh" tsan; then
   count "build tsan" 0
-  TSAN_OPTIONS="halt_on_error=1 suppressions=$root/tests/tsan.supp" \
+  G_SLICE=always-malloc TSAN_OPTIONS="halt_on_error=1 report_signal_unsafe=0 suppressions=$root/tests/tsan.supp" \
     run_ctest tsan "$root/build-tsan" -j2 -L tsan --timeout 900
 else
   count "build tsan" 1

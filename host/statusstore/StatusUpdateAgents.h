@@ -1,0 +1,34 @@
+// Agents that carry one status change or one event to one listener. Their
+// receiver is the IStatusUpdateListener pointer itself, so that a component
+// can drop what is still queued with removeAgentsByReceiver on that pointer.
+#pragma once
+
+#include <string>
+
+#include "status/StatusManager.h"
+#include "tolvane/EventThread.h"
+
+namespace statusstore {
+
+class StatusChangedAgent : public Tolvane::EventAgent {
+ public:
+  StatusChangedAgent(IStatusUpdateListener* listener, StatusMap statuses);
+  void run() override;
+
+ private:
+  IStatusUpdateListener* mListener;
+  StatusMap mStatuses;
+};
+
+class EventPostedAgent : public Tolvane::EventAgent {
+ public:
+  EventPostedAgent(IStatusUpdateListener* listener, std::string name, std::string value);
+  void run() override;
+
+ private:
+  IStatusUpdateListener* mListener;
+  std::string mName;
+  std::string mValue;
+};
+
+}  // namespace statusstore
