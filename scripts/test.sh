@@ -64,7 +64,7 @@ echo "=== build (tsan)"
 if "$root/scripts/build.sh" tsan; then
   count "build tsan" 0
   G_SLICE=always-malloc TSAN_OPTIONS="halt_on_error=1 report_signal_unsafe=0 suppressions=$root/tests/tsan.supp" \
-    run_ctest tsan "$root/build-tsan" -j2 -L tsan --timeout 900
+    run_ctest tsan "$root/build-tsan" -j2 -L "^unit$" --timeout 900
 else
   count "build tsan" 1
 fi
