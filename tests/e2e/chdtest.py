@@ -17,6 +17,7 @@ Typical use:
 """
 
 import os
+import re
 import shutil
 import signal
 import subprocess
@@ -142,7 +143,10 @@ class ChdEnv:
         start = len(self.client_log())
         with open(self.client_log_file, "ab") as log:
             self.client = subprocess.Popen(args, env=self.env(), stdout=log, stderr=subprocess.STDOUT)
-        iterate_until(lambda: "published" in self.client_log()[start:], 10, "the client application's settings")
+        iterate_until(lambda: self._settings_published(start), 10, "the client application's settings")
+
+    def _settings_published(self, start):
+        return re.search(r"Published \d+ settings|No settings to publish", self.client_log()[start:])
 
     def start_chd(self, wait=True):
         with open(self.chd_log_file, "ab") as log:
@@ -181,7 +185,7 @@ class ChdEnv:
         start = len(self.client_log())
         self.start_chd()
         if self.client is not None:
-            iterate_until(lambda: "published" in self.client_log()[start:], 10, "the settings republished")
+            iterate_until(lambda: self._settings_published(start), 10, "the settings republished")
         return rc
 
     def stop_all(self):
