@@ -1,0 +1,356 @@
+#include "InterfaceStack.h"
+
+#include <libxml/parser.h>
+
+#include <algorithm>
+#include <cstdlib>
+
+#include "SoupRouting.h"
+#include "tolvane/Logging.h"
+
+TL_REGISTER_LOGGING(true, 5);
+
+namespace zuna_upnp {
+
+namespace {
+
+// GUPnP exports its description directory at "/". Descriptions come from
+// memory here, so it gets a directory that cannot exist (nobody can create
+// entries under /proc/self).
+constexpr char kNoDescriptionDirectory[] = "/proc/self/no-upnp-description";
+
+struct ActionRoute {
+  InterfaceStack* stack;
+  LocalService* service;
+  Action* action;
+};
+
+void deleteActionRoute(gpointer data, GClosure* /*closure*/) { delete static_cast<ActionRoute*>(data); }
+
+void onActionInvoked(GUPnPService* /*service*/, GUPnPServiceAction* request, gpointer data) {
+  const ActionRoute* route = static_cast<const ActionRoute*>(data);
+  route->stack->sink().actionInvoked(route->stack, route->service, route->action, request);
+}
+
+// New subscribers get every evented variable's current value from here.
+void onQueryVariable(GUPnPService* /*service*/, const char* variable, GValue* value, gpointer data) {
+  const Vars& vars = static_cast<LocalService*>(data)->getVars();
+  if (variable == nullptr || !vars.has(variable)) {
+    return;
+  }
+  g_value_init(value, G_TYPE_STRING);
+  g_value_set_string(value, vars.getValue(variable).c_str());
+}
+
+void onRequestFinished(SoupServer* /*server*/, SoupServerMessage* msg, gpointer data) {
+  static_cast<InterfaceStack*>(data)->subscriptionRequestFinished(msg);
+}
+
+struct Document {
+  std::string text;
+  std::string server;
+};
+
+void deleteDocument(gpointer data) { delete static_cast<Document*>(data); }
+
+void serveDocumentRequest(SoupServer* /*server*/, SoupServerMessage* msg, const char* /*path*/, GHashTable* /*query*/,
+                          gpointer data) {
+  const Document* document = static_cast<const Document*>(data);
+  const char* method = soup_server_message_get_method(msg);
+  if (method != SOUP_METHOD_GET && method != SOUP_METHOD_HEAD) {
+    soup_server_message_set_status(msg, SOUP_STATUS_METHOD_NOT_ALLOWED, nullptr);
+    return;
+  }
+  soup_message_headers_append(soup_server_message_get_response_headers(msg), "Server", document->server.c_str());
+  soup_server_message_set_response(msg, "text/xml; charset=\"utf-8\"", SOUP_MEMORY_COPY, document->text.data(),
+                                   document->text.size());
+  soup_server_message_set_status(msg, SOUP_STATUS_OK, nullptr);
+}
+
+// "Second-1800" -> 1800; "infinite" lasts as long as the stack.
+gint64 subscriptionSeconds(const char* timeout) {
+  if (timeout != nullptr && g_str_has_prefix(timeout, "Second-")) {
+    return g_ascii_strtoll(timeout + 7, nullptr, 10);
+  }
+  return G_MAXINT32;
+}
+
+std::string uriPath(const char* uri) {
+  GUri* parsed = g_uri_parse(uri, static_cast<GUriFlags>(SOUP_HTTP_URI_FLAGS), nullptr);
+  if (parsed == nullptr) {
+    return std::string();
+  }
+  std::string path = g_uri_get_path(parsed);
+  g_uri_unref(parsed);
+  return path;
+}
+
+}  // namespace
+
+InterfaceStack::InterfaceStack(ActionSink& sink, std::string interfaceName, std::string address)
+    : mSink(sink), mName(std::move(interfaceName)), mAddress(std::move(address)) {}
+
+InterfaceStack::~InterfaceStack() {
+  mSink.stackClosing(this);
+  for (Published& published : mPublished) {
+    unpublish(published);
+  }
+  if (mServer != nullptr) {
+    g_signal_handlers_disconnect_by_data(mServer, this);
+    for (const auto& route : mRoutes) {
+      zuna_http::host::removeProviderRoute(mServer, route.first);
+    }
+    // Stop listening now, whoever still holds a reference to the context.
+    mAcceptors.clear();
+    soup_server_disconnect(mServer);
+  }
+  if (mContext != nullptr) {
+    g_object_unref(mContext);
+  }
+  TL_LOG(5, "UPnP stack on [%s] stopped", mName.c_str());
+}
+
+bool InterfaceStack::start(const StackSettings& settings) {
+  mSettings = settings;
+  GInetAddress* address = g_inet_address_new_from_string(mAddress.c_str());
+  GError* error = nullptr;
+  mContext = gupnp_context_new_full(mName.c_str(), address, static_cast<guint16>(settings.port), GSSDP_UDA_VERSION_1_0,
+                                    &error);
+  g_object_unref(address);
+  if (mContext == nullptr) {
+    TL_LOG(0, "No UPnP stack on [%s] [%s]: %s", mName.c_str(), mAddress.c_str(), error->message);
+    g_error_free(error);
+    return false;
+  }
+  gssdp_client_set_server_id(GSSDP_CLIENT(mContext), settings.serverString.c_str());
+  mServer = gupnp_context_get_server(mContext);
+  if (mServer == nullptr) {
+    TL_LOG(0, "No HTTP server on [%s] [%s] port [%d]", mName.c_str(), mAddress.c_str(), settings.port);
+    return false;
+  }
+  // GUPnP keeps the server's URI from its first question; ask it before the
+  // listening sockets move to our acceptors.
+  const guint port = gupnp_context_get_port(mContext);
+  mAcceptors = zuna_http::host::SoupAcceptor::takeOver(mServer);
+  if (mAcceptors.empty()) {
+    TL_LOG(0, "No HTTP listener on [%s] [%s]", mName.c_str(), mAddress.c_str());
+    return false;
+  }
+  zuna_http::host::answerEscapingPathsWithNotFound(mServer);
+  zuna_http::host::closeConnectionsAfterEachResponse(mServer);
+  g_signal_connect(mServer, "request-finished", G_CALLBACK(onRequestFinished), this);
+  TL_LOG(5, "UPnP stack on [%s] [%s] port [%u]", mName.c_str(), mAddress.c_str(), port);
+  return true;
+}
+
+void InterfaceStack::serveDocument(const std::string& path, const std::string& document) {
+  if (path.empty()) {
+    return;
+  }
+  soup_server_add_handler(mServer, path.c_str(), serveDocumentRequest, new Document{document, mSettings.serverString},
+                          deleteDocument);
+}
+
+bool InterfaceStack::publish(RootDevice* device) {
+  if (device->getXML().empty()) {
+    device->genXMLDefinition();
+  }
+  const std::string& xml = device->getXML();
+  xmlDoc* doc = xmlReadMemory(xml.data(), static_cast<int>(xml.size()), nullptr, nullptr, XML_PARSE_NONET);
+  if (doc == nullptr) {
+    TL_LOG(0, "Description of [%s] does not parse", device->getUDN().c_str());
+    return false;
+  }
+  GUPnPXMLDoc* description = gupnp_xml_doc_new(doc);
+  GError* error = nullptr;
+  GUPnPRootDevice* root = gupnp_root_device_new_full(mContext, gupnp_resource_factory_get_default(), description,
+                                                     "description.xml", kNoDescriptionDirectory, &error);
+  g_object_unref(description);
+  if (root == nullptr) {
+    TL_LOG(0, "Cannot publish [%s] on [%s]: %s", device->getUDN().c_str(), mName.c_str(), error->message);
+    g_error_free(error);
+    return false;
+  }
+  // Our handlers replace the ones GUPnP put on the (missing) files.
+  serveDocument(uriPath(gupnp_device_info_get_location(GUPNP_DEVICE_INFO(root))), xml);
+  serveDocument(device->getDescriptionURL(), xml);
+  for (size_t i = 0; i < device->getServiceCount(); ++i) {
+    LocalService* service = device->getService(i);
+    if (service->getXML().empty()) {
+      service->genSCPDXML();
+    }
+    serveDocument(service->getSCPDURL(), service->getXML());
+  }
+  mPublished.push_back(Published{device, root, {}, g_get_monotonic_time()});
+  bindServices(mPublished.back());
+  gssdp_resource_group_set_message_delay(gupnp_root_device_get_ssdp_resource_group(root), mSettings.messageDelayMs);
+  gupnp_root_device_set_available(root, device->getAdvertise() ? TRUE : FALSE);
+  TL_LOG(5, "Published [%s] at [%s]", device->getUDN().c_str(),
+         gupnp_device_info_get_location(GUPNP_DEVICE_INFO(root)));
+  return true;
+}
+
+bool InterfaceStack::bindServices(Published& published) {
+  GList* infos = gupnp_device_info_list_services(GUPNP_DEVICE_INFO(published.root));
+  for (GList* item = infos; item != nullptr; item = item->next) {
+    GUPnPServiceInfo* info = GUPNP_SERVICE_INFO(item->data);
+    char* id = gupnp_service_info_get_id(info);
+    LocalService* match = nullptr;
+    for (size_t i = 0; id != nullptr && i < published.device->getServiceCount(); ++i) {
+      if (published.device->getService(i)->getServiceID() == id) {
+        match = published.device->getService(i);
+      }
+    }
+    g_free(id);
+    if (match == nullptr) {
+      g_object_unref(info);
+      continue;
+    }
+    published.endpoints.push_back(Endpoint{match, GUPNP_SERVICE(info)});
+    bindActions(published.endpoints.back());
+  }
+  g_list_free(infos);
+  return true;
+}
+
+void InterfaceStack::bindActions(const Endpoint& endpoint) {
+  // A handler on plain "action-invoked" is never asked: GUPnP looks for one
+  // connected to the action's own detail.
+  for (const std::unique_ptr<Action>& action : endpoint.service->getActions()) {
+    const std::string signal = "action-invoked::" + action->getName();
+    g_signal_connect_data(endpoint.gupnpService, signal.c_str(), G_CALLBACK(onActionInvoked),
+                          new ActionRoute{this, endpoint.service, action.get()}, deleteActionRoute, GConnectFlags(0));
+  }
+  g_signal_connect(endpoint.gupnpService, "query-variable", G_CALLBACK(onQueryVariable), endpoint.service);
+}
+
+void InterfaceStack::unpublish(Published& published) {
+  for (const Endpoint& endpoint : published.endpoints) {
+    g_signal_handlers_disconnect_matched(endpoint.gupnpService, G_SIGNAL_MATCH_FUNC, 0, 0, nullptr,
+                                         reinterpret_cast<gpointer>(onActionInvoked), nullptr);
+    g_signal_handlers_disconnect_matched(endpoint.gupnpService, G_SIGNAL_MATCH_FUNC, 0, 0, nullptr,
+                                         reinterpret_cast<gpointer>(onQueryVariable), nullptr);
+    endpoint.service->getBinding()->dropSubscriptionsOf(this);
+    g_object_unref(endpoint.gupnpService);
+  }
+  published.endpoints.clear();
+  g_object_unref(published.root);
+  published.root = nullptr;
+}
+
+void InterfaceStack::addRoute(zuna_http::WebServiceProvider* provider, const std::string& path) {
+  mRoutes[path] = provider;
+  zuna_http::host::addProviderRoute(
+      mServer, new zuna_http::host::ProviderRoute{provider, zuna_http::WebServer::METHOD_GET, path, true});
+}
+
+void InterfaceStack::removeRoutes(zuna_http::WebServiceProvider* provider) {
+  for (auto it = mRoutes.begin(); it != mRoutes.end();) {
+    if (it->second == provider) {
+      zuna_http::host::removeProviderRoute(mServer, it->first);
+      it = mRoutes.erase(it);
+    } else {
+      ++it;
+    }
+  }
+}
+
+void InterfaceStack::notify(LocalService* service, const VarChanges& changes) {
+  for (const Published& published : mPublished) {
+    for (const Endpoint& endpoint : published.endpoints) {
+      if (endpoint.service != service) {
+        continue;
+      }
+      // Frozen, the changes leave as one property set.
+      gupnp_service_freeze_notify(endpoint.gupnpService);
+      for (const auto& change : changes) {
+        GValue value = G_VALUE_INIT;
+        g_value_init(&value, G_TYPE_STRING);
+        g_value_set_string(&value, change.second.c_str());
+        gupnp_service_notify_value(endpoint.gupnpService, change.first.c_str(), &value);
+        g_value_unset(&value);
+      }
+      gupnp_service_thaw_notify(endpoint.gupnpService);
+    }
+  }
+}
+
+unsigned InterfaceStack::sayGoodbye() {
+  gint64 drainMs = 0;
+  for (const Published& published : mPublished) {
+    if (!gupnp_root_device_get_available(published.root)) {
+      continue;
+    }
+    // GSSDP sends each announcement three times for the root device, the
+    // UDN, the device type and every service type, one message per delay.
+    const gint64 messages = 3 * static_cast<gint64>(3 + published.device->getServiceCount());
+    const gint64 burstMs = messages * mSettings.messageDelayMs;
+    const gint64 sinceMs = (g_get_monotonic_time() - published.announcedAt) / 1000;
+    GSSDPResourceGroup* group = gupnp_root_device_get_ssdp_resource_group(published.root);
+    if (sinceMs >= burstMs) {
+      // The alive burst is over: the byebyes may leave back to back.
+      gssdp_resource_group_set_message_delay(group, 0);
+    } else {
+      // They queue behind what is left of the alives, at the same pace.
+      drainMs = std::max(drainMs, burstMs - sinceMs + burstMs);
+    }
+    gupnp_root_device_set_available(published.root, FALSE);
+  }
+  return static_cast<unsigned>(drainMs);
+}
+
+void InterfaceStack::detachFromNetwork() {
+  // Queued alives and the byebyes sent while the devices are taken down
+  // would only fail on an interface that is gone.
+  g_object_set(mContext, "active", FALSE, nullptr);
+}
+
+std::string InterfaceStack::location(RootDevice* device) const {
+  for (const Published& published : mPublished) {
+    if (published.device == device) {
+      const char* location = gupnp_device_info_get_location(GUPNP_DEVICE_INFO(published.root));
+      return location != nullptr ? location : "";
+    }
+  }
+  return std::string();
+}
+
+LocalService* InterfaceStack::serviceByEventPath(const std::string& path) const {
+  for (const Published& published : mPublished) {
+    for (const Endpoint& endpoint : published.endpoints) {
+      if (endpoint.service->getEventURL() == path) {
+        return endpoint.service;
+      }
+    }
+  }
+  return nullptr;
+}
+
+void InterfaceStack::subscriptionRequestFinished(SoupServerMessage* msg) {
+  // GUPnP keeps its subscriptions to itself; the answers it gives to
+  // SUBSCRIBE and UNSUBSCRIBE tell who holds one and for how long.
+  const char* method = soup_server_message_get_method(msg);
+  const bool subscribe = g_strcmp0(method, "SUBSCRIBE") == 0;
+  if ((!subscribe && g_strcmp0(method, "UNSUBSCRIBE") != 0) || soup_server_message_get_status(msg) != SOUP_STATUS_OK) {
+    return;
+  }
+  LocalService* service = serviceByEventPath(g_uri_get_path(soup_server_message_get_uri(msg)));
+  if (service == nullptr) {
+    return;
+  }
+  if (subscribe) {
+    SoupMessageHeaders* headers = soup_server_message_get_response_headers(msg);
+    const char* sid = soup_message_headers_get_one(headers, "SID");
+    if (sid != nullptr) {
+      service->getBinding()->subscribed(sid, subscriptionSeconds(soup_message_headers_get_one(headers, "Timeout")),
+                                        this);
+    }
+  } else {
+    const char* sid = soup_message_headers_get_one(soup_server_message_get_request_headers(msg), "SID");
+    if (sid != nullptr) {
+      service->getBinding()->unsubscribed(sid);
+    }
+  }
+}
+
+}  // namespace zuna_upnp

@@ -1,0 +1,39 @@
+// libsoup handlers shared by the stack's own HTTP servers and the private
+// listeners of the web server.
+#pragma once
+
+#include <libsoup/soup.h>
+
+#include <string>
+
+#include "zuna_http/WebServer.h"
+
+namespace zuna_http::host {
+
+// A provider serving one method below one path of a server. A server made
+// with "raw-paths" hands handlers the path as the client escaped it; the
+// servers GUPnP makes decode it once first.
+struct ProviderRoute {
+  WebServiceProvider* provider;
+  WebServer::Method method;
+  std::string base;
+  bool pathsDecoded;
+};
+
+// Adds route's handler at its base ("" serves every path); the server owns
+// route afterwards.
+void addProviderRoute(SoupServer* server, ProviderRoute* route);
+void removeProviderRoute(SoupServer* server, const std::string& base);
+
+// libsoup refuses a path that decodes to "/../" or holds a bad escape with
+// 400 before any handler sees it; such a path leaves the root and is
+// answered 404 like every other path that does. For servers that decode.
+void answerEscapingPathsWithNotFound(SoupServer* server);
+
+// The stack serves one request per connection (see SoupAcceptor: without a
+// listener of its own libsoup closes every connection after its response,
+// which also keeps it clear of libsoup 3.2's leak of idle kept-alive
+// connections that clients close); this tells the clients so.
+void closeConnectionsAfterEachResponse(SoupServer* server);
+
+}  // namespace zuna_http::host

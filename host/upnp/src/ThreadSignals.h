@@ -1,0 +1,36 @@
+// Threads of the stack leave process signals to the daemon's own threads.
+#pragma once
+
+#include <pthread.h>
+
+#include <csignal>
+
+namespace zuna_upnp {
+
+// Blocks every signal but those a fault raises in the thread itself. The
+// daemon stops from a SIGTERM handler; run on a thread that is inside GLib or
+// libsoup, the handler's shutdown would wait for that very thread. Threads
+// that this one creates (GLib's helpers among them) inherit the mask.
+inline void blockProcessSignals(sigset_t* previous = nullptr) {
+  sigset_t signals;
+  sigfillset(&signals);
+  for (int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS}) {
+    sigdelset(&signals, fault);
+  }
+  pthread_sigmask(SIG_BLOCK, &signals, previous);
+}
+
+// Threads started inside the scope (a framework event thread, say) begin
+// with process signals blocked; the calling thread's mask comes back after.
+class ProcessSignalsBlockedForNewThreads {
+ public:
+  ProcessSignalsBlockedForNewThreads() { blockProcessSignals(&mPrevious); }
+  ~ProcessSignalsBlockedForNewThreads() { pthread_sigmask(SIG_SETMASK, &mPrevious, nullptr); }
+  ProcessSignalsBlockedForNewThreads(const ProcessSignalsBlockedForNewThreads&) = delete;
+  ProcessSignalsBlockedForNewThreads& operator=(const ProcessSignalsBlockedForNewThreads&) = delete;
+
+ private:
+  sigset_t mPrevious;
+};
+
+}  // namespace zuna_upnp

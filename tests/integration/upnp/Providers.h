@@ -1,0 +1,90 @@
+// Web providers for the integration tests.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "zuna_http/WebServer.h"
+
+namespace upnp_it {
+
+constexpr size_t kBigFileSize = 1 << 20;
+
+inline char patternByte(size_t index) { return static_cast<char>('a' + index % 26); }
+
+// Streams a large body for ".../big", a short one for anything else.
+class FileProvider : public zuna_http::WebServiceProvider {
+ public:
+  void handleRequest(zuna_http::WebSocket* socket, zuna_http::WebRequest* request) override {
+    {
+      std::lock_guard<std::mutex> lock(mMutex);
+      mPaths.push_back(request->getPath());
+    }
+    const bool big =
+        request->getPath().size() >= 4 && request->getPath().compare(request->getPath().size() - 4, 4, "/big") == 0;
+    const size_t size = big ? kBigFileSize : request->getPath().size();
+    zuna_http::WebResponse response(200);
+    response.addField("Connection", "close");
+    response.addField("Content-Type", "text/plain; charset=\"utf-8\"");
+    response.addField("Content-Length", std::to_string(size));
+    socket->send(response);
+    if (!big) {
+      socket->write(request->getPath().data(), size);
+      return;
+    }
+    std::string chunk(64 * 1024, ' ');
+    for (size_t sent = 0; sent < size; sent += chunk.size()) {
+      for (size_t i = 0; i < chunk.size(); ++i) {
+        chunk[i] = patternByte(sent + i);
+      }
+      if (socket->write(chunk.data(), chunk.size()) < 0) {
+        return;
+      }
+    }
+  }
+
+  std::vector<std::string> paths() {
+    std::lock_guard<std::mutex> lock(mMutex);
+    return mPaths;
+  }
+
+ private:
+  std::mutex mMutex;
+  std::vector<std::string> mPaths;
+};
+
+// Holds every request until released (at most 10 s).
+class BlockingProvider : public zuna_http::WebServiceProvider {
+ public:
+  void handleRequest(zuna_http::WebSocket* socket, zuna_http::WebRequest* /*request*/) override {
+    entered = true;
+    {
+      std::unique_lock<std::mutex> lock(mMutex);
+      mReleased.wait_for(lock, std::chrono::seconds(10), [this] { return mRelease; });
+    }
+    zuna_http::WebResponse response(204);
+    response.addField("Connection", "close");
+    socket->send(response);
+    finished = true;
+  }
+
+  void release() {
+    std::lock_guard<std::mutex> lock(mMutex);
+    mRelease = true;
+    mReleased.notify_all();
+  }
+
+  std::atomic<bool> entered{false};
+  std::atomic<bool> finished{false};
+
+ private:
+  std::mutex mMutex;
+  std::condition_variable mReleased;
+  bool mRelease = false;
+};
+
+}  // namespace upnp_it

@@ -1,0 +1,73 @@
+// The device the integration tests publish: a calculator service and a
+// service whose one action holds until the test lets it go.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <string>
+
+#include "../../unit/upnp/TestServices.h"
+
+namespace upnp_it {
+
+class HoldService : public zuna_upnp::LocalService {
+ public:
+  HoldService(zuna_upnp::LocalDevice* device, zuna_upnp::RootDevice* root) : LocalService(device, root) {
+    setTypeID(zuna_upnp::TypeID("Holder", "schemas-example-org", 1, zuna_upnp::TypeID::SERVICE));
+    makeURLs();
+    makeServiceID();
+    addAction(new zuna_upnp::ActionT0<HoldService>("Hold", this, &HoldService::Hold));
+    genSCPDXML();
+  }
+
+  zuna_upnp::UPnPReturn Hold() {
+    entered = true;
+    std::unique_lock<std::mutex> lock(mMutex);
+    // Bounded, so that a failing test cannot hang the service for ever.
+    mReleased.wait_for(lock, std::chrono::seconds(10), [this] { return mRelease; });
+    mRelease = false;
+    finished = true;
+    return zuna_upnp::UPnPReturn();
+  }
+
+  void release() {
+    std::lock_guard<std::mutex> lock(mMutex);
+    mRelease = true;
+    mReleased.notify_all();
+  }
+
+  std::atomic<bool> entered{false};
+  std::atomic<bool> finished{false};
+
+ private:
+  std::mutex mMutex;
+  std::condition_variable mReleased;
+  bool mRelease = false;
+};
+
+class IntegrationDevice : public zuna_upnp::RootDevice {
+ public:
+  IntegrationDevice() {
+    setTypeID(zuna_upnp::TypeID("TestDevice", "schemas-example-org", 1, zuna_upnp::TypeID::DEVICE));
+    makeURLs();
+    makeUDN();
+    setStrings("Acme RVU Client TestDevice", "Acme", "VESPARO ABC-42", "ABC", "42");
+    setFlags(true, false);
+    calculator = new upnp_test::CalculatorService(this, this);
+    holder = new HoldService(this, this);
+    addService(calculator);
+    addService(holder);
+    genXMLDefinition();
+  }
+
+  upnp_test::CalculatorService* calculator;
+  HoldService* holder;
+};
+
+constexpr char kDeviceType[] = "urn:schemas-example-org:device:TestDevice:1";
+constexpr char kCalculatorType[] = "urn:schemas-example-org:service:Calculator:2";
+constexpr char kHolderType[] = "urn:schemas-example-org:service:Holder:1";
+
+}  // namespace upnp_it
