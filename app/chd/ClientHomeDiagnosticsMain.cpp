@@ -1,10 +1,12 @@
 // Process entry of the Client Home Diagnostics daemon.
+#include <pthread.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <csignal>
 #include <cstdlib>
+#include <thread>
 
 #include "ClientHomeDiagnostics.h"
 #include "tolvane/Logging.h"
@@ -16,6 +18,31 @@ namespace {
 // Read by the SIGTERM handler; atomic so that a signal arriving on another
 // thread while main stores it sees either null or the finished object.
 std::atomic<ClientHomeDiagnosticsControl*> gControl{nullptr};
+// Set by the SIGTERM handler before it stops the control object.
+std::atomic<bool> gTerminating{false};
+
+sigset_t terminationSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGTERM);
+  return signals;
+}
+
+// SIGTERM runs the whole stop sequence from its handler. It is taken on a thread
+// that does nothing else, so that the handler never interrupts a thread in the
+// middle of logging or while it holds a lock that stop() needs: every other
+// thread (this one and all that it creates later) blocks it.
+void routeTerminationToIdleThread() {
+  const sigset_t signals = terminationSignals();
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  std::thread([] {
+    const sigset_t taken = terminationSignals();
+    pthread_sigmask(SIG_UNBLOCK, &taken, nullptr);
+    for (;;) {
+      pause();
+    }
+  }).detach();
+}
 }  // namespace
 
 void handleSignal(int sig) {
@@ -33,6 +60,7 @@ void handleSignal(int sig) {
 void cleanup(int sig) {
   TL_TRACE();
   TL_LOG(0, "Received signal [%d] for the CHD applicaiton, stopping CHD", sig);
+  gTerminating.store(true);
   ClientHomeDiagnosticsControl* control = gControl.load();
   if (control != nullptr) {
     control->stop();
@@ -50,6 +78,7 @@ int main(int /*argc*/, char** /*argv*/) {
   signal(SIGTERM, cleanup);
   signal(SIGABRT, handleSignal);
   signal(SIGSEGV, handleSignal);
+  routeTerminationToIdleThread();
 
   auto* control = new ClientHomeDiagnosticsControl();  // NOLINT(cppcoreguidelines-owning-memory): lives until exit
   gControl.store(control);
@@ -64,5 +93,10 @@ int main(int /*argc*/, char** /*argv*/) {
 
   TL_LOG(0, "Starting CHD Control");
   control->start();
+  // A stop by SIGTERM wakes start() before its handler ends the process with
+  // status 1; returning here would race that exit with status 0.
+  while (gTerminating.load()) {
+    pause();
+  }
   return 0;
 }

@@ -51,17 +51,25 @@ def binary(name):
 
 
 def iterate_until(predicate, timeout, what="condition"):
-    """Runs the default GLib main context until predicate() is true."""
+    """Runs the default GLib main context until predicate() is true.
+
+    Blocking iterations (woken at least every 20 ms) hand every message to its
+    handler as soon as it arrives, so the order of network messages is kept:
+    GUPnP's control point drops a first event that it reads before its
+    subscription answer."""
     context = GLib.MainContext.default()
     deadline = time.monotonic() + timeout
-    while True:
-        result = predicate()
-        if result:
-            return result
-        if time.monotonic() > deadline:
-            raise AssertionError("timed out after %.1f s waiting for %s" % (timeout, what))
-        if not context.iteration(False):
-            time.sleep(0.01)
+    tick = GLib.timeout_add(20, lambda: True)
+    try:
+        while True:
+            result = predicate()
+            if result:
+                return result
+            if time.monotonic() > deadline:
+                raise AssertionError("timed out after %.1f s waiting for %s" % (timeout, what))
+            context.iteration(True)
+    finally:
+        GLib.source_remove(tick)
 
 
 class ChdEnv:
@@ -407,9 +415,7 @@ class Subscription:
     def settle(seconds):
         """Keeps receiving events for a while (to show that no further one comes)."""
         deadline = time.monotonic() + seconds
-        while time.monotonic() < deadline:
-            if not GLib.MainContext.default().iteration(False):
-                time.sleep(0.01)
+        iterate_until(lambda: time.monotonic() >= deadline, seconds + 5, "the settling time")
 
 
 def http_port_of(device):

@@ -75,15 +75,19 @@ class ProcessTest(unittest.TestCase):
     def test_sigterm_before_the_control_object_exists_exits_with_status_one(self):
         with ChdEnv(client_app=False, start=False, log_level=7) as env:
             # Stop at the control object's constructor (handlers are installed, the object does not exist yet),
-            # deliver SIGTERM there and let the process run on.
+            # send SIGTERM to the process while that thread sleeps inside an injected call (non-stop mode lets
+            # the other threads run): the object never exists. The process's exit_group call shows its status.
             script = os.path.join(env.tmp, "gdb.cmd")
             with open(script, "w") as f:
-                f.write("set pagination off\nset breakpoint pending on\n"
+                f.write("set pagination off\nset non-stop on\nset breakpoint pending on\n"
+                        "handle SIGTERM nostop noprint pass\n"
                         "break ClientHomeDiagnosticsControl::ClientHomeDiagnosticsControl\nrun\n"
-                        "signal SIGTERM\n")
+                        "catch syscall exit_group\n"
+                        "call (int)kill((int)getpid(), 15)\ncall (unsigned int)sleep(20)\n")
             result = subprocess.run(["gdb", "-batch", "-nx", "-x", script, binary("chd")], env=env.env(),
                                     capture_output=True, text=True, timeout=120)
-            self.assertRegex(result.stdout, r"exited with code 01")
+            self.assertRegex(result.stdout, r"hit Catchpoint 2 \(call to syscall exit_group\), \S*_exit "
+                                            r"\(status=(status@entry=)?1\)")
             log = env.chd_log() + result.stderr
             self.assertIn("Received signal [15] for the CHD applicaiton, stopping CHD", log)
             self.assertNotIn("ClientHomeDiagnosticsControl::stop", log)
