@@ -110,6 +110,8 @@ class Events:
     """Values notified for evented variables of one service, through the GUPnP control point."""
 
     def __init__(self, proxy, variables):
+        # The subscription lives as long as the proxy object.
+        self.proxy = proxy
         self.values = {v: [] for v in variables}
         for variable in variables:
             proxy.add_notify(variable, GObject.TYPE_STRING, self._on_notify)
