@@ -46,13 +46,13 @@ echo "=== format"
 count "clang-format" $?
 
 echo "=== build (normal)"
-if ! "$root/scripts/build.sh" normal -DCHD_BUILD_BENCH=ON; then
+if ! "$root/scripts/build.sh" normal -DCHD_BUILD_TESTS=ON -DCHD_BUILD_BENCH=ON; then
   echo "build failed"; echo "0 passed, 1 failed"; exit 1
 fi
 run_ctest normal "$root/build" -j2 --timeout 900
 
 echo "=== build (asan+ubsan)"
-if "$root/scripts/build.sh" asan; then
+if "$root/scripts/build.sh" asan -DCHD_BUILD_TESTS=ON; then
   ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
     LSAN_OPTIONS=suppressions=$root/tests/lsan.supp \
     run_ctest asan "$root/build-asan" -j2 -L 'unit|integration' --timeout 900
@@ -61,7 +61,7 @@ else
 fi
 
 echo "=== build (tsan)"
-if "$root/scripts/build.sh" tsan; then
+if "$root/scripts/build.sh" tsan -DCHD_BUILD_TESTS=ON; then
   count "build tsan" 0
   G_SLICE=always-malloc TSAN_OPTIONS="halt_on_error=1 report_signal_unsafe=0 suppressions=$root/tests/tsan.supp" \
     run_ctest tsan "$root/build-tsan" -j2 -L "^unit$" --timeout 900

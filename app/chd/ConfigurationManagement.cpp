@@ -276,7 +276,8 @@ void ConfigurationManagementService::listenToStatusStore() {
 
 void ConfigurationManagementService::setConfigurationManagementListener(ConfigurationManagementListener* listener) {
   TL_TRACE();
-  mListener.store(listener);
+  const Tolvane::ScopedLock lock(mListenerLock);
+  mListener = listener;
 }
 
 void ConfigurationManagementService::checkChangedVars() {
@@ -888,11 +889,11 @@ UPnPReturn ConfigurationManagementService::GenCHDData() {
   TL_TRACE();
   // The device is published before the blob writer is attached, and stop()
   // detaches it again: a request in either window must not crash the daemon.
-  ConfigurationManagementListener* listener = mListener.load();
-  if (listener == nullptr) {
+  const Tolvane::ScopedLock lock(mListenerLock);
+  if (mListener == nullptr) {
     TL_LOG(2, "No configuration management listener to generate the CHD blob");
     return success();
   }
-  listener->genChdDataBlob();  // the result is not looked at
+  mListener->genChdDataBlob();  // the result is not looked at
   return success();
 }

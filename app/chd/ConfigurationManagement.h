@@ -108,8 +108,11 @@ class ConfigurationManagementService : public zuna_upnp::LocalService, public IS
   std::string mSupportedParametersUpdate;
   std::string mConfigurationUpdate;
   uint32_t mCurrentConfigurationVersion;
-  // Set on the main or signal thread, read by GenCHDData on the dispatcher.
-  std::atomic<ConfigurationManagementListener*> mListener;
+  // Set on the main or signal thread, used by GenCHDData on the dispatcher.
+  // mListenerLock makes a detach wait for a GenCHDData that is calling the
+  // listener, so the listener may be deleted once it is detached.
+  ConfigurationManagementListener* mListener;
+  Tolvane::Mutex mListenerLock;
   std::string mRefreshError;
   Tolvane::EventThread mStatusThread;
   Tolvane::Mutex mLock;
