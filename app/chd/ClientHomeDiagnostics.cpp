@@ -50,7 +50,7 @@ bool ClientHomeDiagnosticsControl::stop() {
     mDevice->setConfigurationManagementListener(nullptr);
   }
   // The pointers stay set: stop() runs once, right before the process exits.
-  delete mBlobWriter;      // NOLINT(cppcoreguidelines-owning-memory)
+  delete mBlobWriter;       // NOLINT(cppcoreguidelines-owning-memory)
   delete mLogWatchHandler;  // NOLINT(cppcoreguidelines-owning-memory)
   mController->shutdown();
   if (mNetworkManager) {

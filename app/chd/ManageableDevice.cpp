@@ -48,8 +48,7 @@ void ManageableDevice::setConfigurationManagementListener(ConfigurationManagemen
   mConfigurationManagementService->setConfigurationManagementListener(listener);
 }
 
-bool ManageableDevice::updateUPnPServiceParam(std::string service, std::string key, std::string value,
-                                              bool flag) {
+bool ManageableDevice::updateUPnPServiceParam(std::string service, std::string key, std::string value, bool flag) {
   TL_TRACE();
   for (size_t i = 0; i < getServiceCount(); ++i) {
     zuna_upnp::LocalService* candidate = getService(i);

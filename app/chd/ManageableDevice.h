@@ -23,9 +23,7 @@ class ManageableDevice : public zuna_upnp::RootDevice, public Tolvane::RefCount 
   bool updateUPnPServiceParam(std::string service, std::string key, std::string value, bool flag);
 
   BasicManagementService* getBasicManagementService() const { return mBasicManagementService; }
-  ConfigurationManagementService* getConfigurationManagementService() const {
-    return mConfigurationManagementService;
-  }
+  ConfigurationManagementService* getConfigurationManagementService() const { return mConfigurationManagementService; }
 
  private:
   BasicManagementService* mBasicManagementService = nullptr;

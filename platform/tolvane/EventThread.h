@@ -43,8 +43,7 @@ class AsyncEventAgent : public EventAgent {
   // The argument is copied into the agent when it is created.
   template <class Receiver, class Result, class Param, class Arg>
   AsyncEventAgent(Receiver* receiver, Result (Receiver::*method)(Param), Arg&& argument)
-      : EventAgent(receiver),
-        mCall([receiver, method, value = std::decay_t<Param>(std::forward<Arg>(argument))] {
+      : EventAgent(receiver), mCall([receiver, method, value = std::decay_t<Param>(std::forward<Arg>(argument))] {
           (receiver->*method)(value);
         }) {}
 

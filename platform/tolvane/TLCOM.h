@@ -22,7 +22,7 @@ class IComponentManager {
                                ServiceFactory factory) = 0;
   // Null when no loaded library offers that service with that interface.
   virtual Tolvane::SmartPtr<Tolvane::RefCount> getService(const std::string& service,
-                                                         const std::string& interfaceName) = 0;
+                                                          const std::string& interfaceName) = 0;
 };
 
 IComponentManager* getComponentManager();
@@ -30,8 +30,7 @@ IComponentManager* getComponentManager();
 // Fetches a service as an interface. Interface must derive from RefCount, and
 // the factory registered under interfaceName must create an Interface.
 template <class Interface>
-void GetServiceHelper(const std::string& service, const std::string& interfaceName,
-                      Tolvane::SmartPtr<Interface>& out) {
+void GetServiceHelper(const std::string& service, const std::string& interfaceName, Tolvane::SmartPtr<Interface>& out) {
   Tolvane::SmartPtr<Tolvane::RefCount> object = getComponentManager()->getService(service, interfaceName);
   out = Tolvane::SmartPtr<Interface>(static_cast<Interface*>(object.get()));
 }

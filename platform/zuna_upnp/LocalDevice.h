@@ -29,8 +29,8 @@ class LocalDevice {
 
   // The five description strings, in the stack's order: friendly name,
   // manufacturer, model description, model name, model number.
-  void setStrings(const std::string& friendlyName, const std::string& manufacturer,
-                  const std::string& modelDescription, const std::string& modelName, const std::string& modelNumber);
+  void setStrings(const std::string& friendlyName, const std::string& manufacturer, const std::string& modelDescription,
+                  const std::string& modelName, const std::string& modelNumber);
   const std::string& getFriendlyName() const;
   const std::string& getManufacturer() const;
   const std::string& getModelDescription() const;

@@ -9,6 +9,7 @@
 #include <future>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "ClientHomeDiagnostics.h"
