@@ -49,7 +49,7 @@ const int kNetstatFailed = -7;
 const uint16_t kPrivateHttpPort = 80;
 const int kPrivateHttpBacklog = 5;
 // Chunked sending holds at most this much of a file in memory per request.
-const size_t kLogChunkSize = 1024 * 1024;
+const size_t kLogChunkSize = size_t{1024} * 1024;
 
 // Set while this thread runs a refresh of the listener.
 thread_local bool tInsideRefresh = false;

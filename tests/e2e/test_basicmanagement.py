@@ -4,8 +4,9 @@ port 80.
 
 The daemon reads /tmp/syslogUrisPath.txt and runs its collection scripts from
 /etc/utils. So that neither touches the host, this file re-runs itself in a
-private mount namespace with a /tmp of its own and /etc overlaid by a scratch
-layer that holds this tree's collection scripts.
+private mount namespace where /tmp and /etc are overlaid by scratch layers (so
+what the test writes stays private while the checkout and build remain
+visible, wherever they are), /etc/utils holding this tree's collection scripts.
 """
 
 import hashlib
@@ -23,9 +24,11 @@ SCRIPTS_DIR = os.path.join(SOURCE_DIR, "host", "scripts", "utils")
 
 PRIVATE_SETUP = r"""
 set -e
-mount -t tmpfs chd-e2e-tmp /tmp
-mkdir -p /tmp/.etc-upper /tmp/.etc-work
-mount -t overlay chd-e2e-etc -o lowerdir=/etc,upperdir=/tmp/.etc-upper,workdir=/tmp/.etc-work /etc
+mkdir -p /mnt
+mount -t tmpfs chd-e2e-scratch /mnt
+mkdir -p /mnt/tmp-upper /mnt/tmp-work /mnt/etc-upper /mnt/etc-work
+mount -t overlay chd-e2e-tmp -o lowerdir=/tmp,upperdir=/mnt/tmp-upper,workdir=/mnt/tmp-work /tmp
+mount -t overlay chd-e2e-etc -o lowerdir=/etc,upperdir=/mnt/etc-upper,workdir=/mnt/etc-work /etc
 rm -rf /etc/utils
 mkdir -p /etc/utils
 cp "$CHD_BM_SCRIPTS"/* /etc/utils/

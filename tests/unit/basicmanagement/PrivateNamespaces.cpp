@@ -2,6 +2,7 @@
 
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace bmtest {
@@ -18,7 +19,16 @@ bool enterPrivateNamespaces() {
   if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
     return false;
   }
-  return mount("chd-test-tmp", "/tmp", "tmpfs", MS_NOSUID | MS_NODEV, "size=512m,mode=1777") == 0;
+  // /tmp gets a private writable layer over the host's: the test's files stay
+  // private, while a checkout or build directory below /tmp stays visible.
+  mkdir("/mnt", 0755);
+  if (mount("chd-test-scratch", "/mnt", "tmpfs", MS_NOSUID | MS_NODEV, "size=512m") != 0) {
+    return false;
+  }
+  mkdir("/mnt/tmp-upper", 01777);
+  mkdir("/mnt/tmp-work", 0755);
+  return mount("chd-test-tmp", "/tmp", "overlay", 0, "lowerdir=/tmp,upperdir=/mnt/tmp-upper,workdir=/mnt/tmp-work") ==
+         0;
 }
 
 const bool gPrivate = enterPrivateNamespaces();
