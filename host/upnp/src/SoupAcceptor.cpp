@@ -30,6 +30,8 @@ GSocket* socketFromCopyOf(int fd) {
   return socket;
 }
 
+constexpr int kStackListenBacklog = 128;
+
 }  // namespace
 
 SoupAcceptor::SoupAcceptor(SoupServer* server, GSocket* listening)
@@ -58,6 +60,10 @@ std::vector<std::unique_ptr<SoupAcceptor>> SoupAcceptor::takeOver(SoupServer* se
   GSList* listeners = soup_server_get_listeners(server);
   for (GSList* item = listeners; item != nullptr; item = item->next) {
     if (GSocket* listening = socketFromCopyOf(g_socket_get_fd(G_SOCKET(item->data)))) {
+      // GLib listens with a queue of 10; a control point that opens a connection
+      // per request from 16 threads overflows it and waits for a SYN retry.
+      g_socket_set_listen_backlog(listening, kStackListenBacklog);
+      g_socket_listen(listening, nullptr);
       acceptors.emplace_back(new SoupAcceptor(server, listening));
     }
   }
