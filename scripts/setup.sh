@@ -1,6 +1,8 @@
 #!/bin/bash
 # Installs every Debian package the project needs to build, run and test.
-# Idempotent; run as root on Debian 12. Set CHD_SETUP_SKIP_APT=1 to skip.
+# "scripts/setup.sh bench" also installs the peers and load tools that the
+# benchmarks compare against. Idempotent; run as root on Debian 12.
+# Set CHD_SETUP_SKIP_APT=1 to skip.
 set -euo pipefail
 
 PACKAGES=(
@@ -13,6 +15,16 @@ PACKAGES=(
   python3 python3-gi gir1.2-gupnp-1.6 gir1.2-gssdp-1.6 gir1.2-glib-2.0 python3-jsonschema
   gssdp-tools iproute2 curl procps psmisc tar util-linux gdb
 )
+
+BENCH_PACKAGES=(wrk nginx-light minidlna rygel smem linux-perf valgrind)
+if [ "${1:-}" = bench ]; then
+  PACKAGES+=("${BENCH_PACKAGES[@]}")
+  # Installing the peers must not start their services (they would hold ports).
+  if [ ! -e /usr/sbin/policy-rc.d ]; then
+    printf '#!/bin/sh\nexit 101\n' > /usr/sbin/policy-rc.d
+    chmod +x /usr/sbin/policy-rc.d
+  fi
+fi
 
 missing=()
 for pkg in "${PACKAGES[@]}"; do
