@@ -26,6 +26,9 @@ ClientHomeDiagnosticsControl::~ClientHomeDiagnosticsControl() {
 
 bool ClientHomeDiagnosticsControl::start() {
   TL_TRACE();
+  // Held until the wait releases it: a SIGTERM that arrives during start-up
+  // waits in stop() until the objects it tears down exist.
+  const Tolvane::ScopedLock lock(mLock);
   if (!initNetwork()) {
     TL_LOG(0, "Failed to initialize the Network Monitor");
     return false;
@@ -38,13 +41,13 @@ bool ClientHomeDiagnosticsControl::start() {
     TL_LOG(0, "Failed to initialize LogWatch");
     return false;
   }
-  Tolvane::ScopedLock lock(mLock);
   mStopCondition.wait(mLock);
   return true;
 }
 
 bool ClientHomeDiagnosticsControl::stop() {
   TL_TRACE();
+  const Tolvane::ScopedLock lock(mLock);
   if (mDevice) {
     mDevice->setBasicManagementListener(nullptr);
     mDevice->setConfigurationManagementListener(nullptr);
@@ -93,6 +96,21 @@ bool ClientHomeDiagnosticsControl::initManageableDevice() {
   mDevice = Tolvane::SmartPtr<ManageableDevice>(new ManageableDevice(info));
   mDevice->setConfigurationManagementListener(mBlobWriter);
   return true;
+}
+
+CHDBlobWriter* ClientHomeDiagnosticsControl::getBlobWriter() const {
+  const Tolvane::ScopedLock lock(mLock);
+  return mBlobWriter;
+}
+
+LogWatchHandler* ClientHomeDiagnosticsControl::getLogWatchHandler() const {
+  const Tolvane::ScopedLock lock(mLock);
+  return mLogWatchHandler;
+}
+
+ManageableDevice* ClientHomeDiagnosticsControl::getDevice() const {
+  const Tolvane::ScopedLock lock(mLock);
+  return mDevice.get();
 }
 
 bool ClientHomeDiagnosticsControl::initLogWatch() {

@@ -30,10 +30,10 @@ class ClientHomeDiagnosticsControl {
   bool initManageableDevice();
   bool initLogWatch();
 
-  // For inspection by tests and tools.
-  CHDBlobWriter* getBlobWriter() const { return mBlobWriter; }
-  LogWatchHandler* getLogWatchHandler() const { return mLogWatchHandler; }
-  ManageableDevice* getDevice() const { return mDevice.get(); }
+  // For inspection by tests and tools; they wait while start() initialises.
+  CHDBlobWriter* getBlobWriter() const;
+  LogWatchHandler* getLogWatchHandler() const;
+  ManageableDevice* getDevice() const;
 
  private:
   CHDBlobWriter* mBlobWriter = nullptr;
@@ -41,6 +41,7 @@ class ClientHomeDiagnosticsControl {
   zuna_upnp::Controller* mController = nullptr;
   Tolvane::SmartPtr<zuna::net::NetworkManager> mNetworkManager;
   Tolvane::SmartPtr<ManageableDevice> mDevice;
-  Tolvane::Mutex mLock{true};
+  // Guards the members between start() (until its wait), stop() and the getters.
+  mutable Tolvane::Mutex mLock{true};
   Tolvane::Condition mStopCondition;
 };

@@ -21,6 +21,7 @@ namespace {
 // loaded from (components are installed beside it).
 std::vector<std::string> componentDirectories() {
   std::vector<std::string> directories;
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): the environment does not change while the process runs
   if (const char* path = std::getenv("TLCOM_COMPONENT_PATH")) {
     std::istringstream list(path);
     std::string directory;
@@ -49,16 +50,19 @@ class ComponentManager : public IComponentManager {
     std::string lastError = "no such library";
     if (fileName.find('/') == std::string::npos) {
       for (const std::string& directory : componentDirectories()) {
-        if (dlopen((directory + "/" + fileName).c_str(), RTLD_NOW | RTLD_GLOBAL) != nullptr) {
+        std::string candidate = directory;
+        candidate += "/";
+        candidate += fileName;
+        if (dlopen(candidate.c_str(), RTLD_NOW | RTLD_GLOBAL) != nullptr) {
           return 0;
         }
-        lastError = dlerror();
+        lastError = dlerror();  // NOLINT(concurrency-mt-unsafe): glibc keeps dlerror per thread
       }
     }
     if (dlopen(fileName.c_str(), RTLD_NOW | RTLD_GLOBAL) != nullptr) {
       return 0;
     }
-    lastError = dlerror();
+    lastError = dlerror();  // NOLINT(concurrency-mt-unsafe): glibc keeps dlerror per thread
     TL_LOG(0, "Cannot load component library [%s]: [%s]", fileName.c_str(), lastError.c_str());
     return -1;
   }

@@ -1,5 +1,7 @@
 #include "tolvane/File.h"
 
+#include <glib.h>
+
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <linux/openat2.h>
@@ -134,13 +136,13 @@ bool ServerSocket::bind(const std::string& address, uint16_t port) {
   }
   mFd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (mFd < 0) {
-    TL_LOG(0, "socket failed [%s]", std::strerror(errno));
+    TL_LOG(0, "socket failed [%s]", g_strerror(errno));
     return false;
   }
   const int reuse = 1;
   ::setsockopt(mFd, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse);
   if (::bind(mFd, reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0) {
-    TL_LOG(0, "bind to [%s:%u] failed [%s]", host.c_str(), static_cast<unsigned>(port), std::strerror(errno));
+    TL_LOG(0, "bind to [%s:%u] failed [%s]", host.c_str(), static_cast<unsigned>(port), g_strerror(errno));
     close();
     return false;
   }

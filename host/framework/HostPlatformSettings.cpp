@@ -19,7 +19,7 @@ constexpr int kMaxPort = 65535;
 
 [[noreturn]] void failConfig(const std::string& path, const std::string& problem) {
   std::fprintf(stderr, "chd: platform configuration %s: %s\n", path.c_str(), problem.c_str());
-  std::exit(kConfigErrorExitStatus);
+  std::exit(kConfigErrorExitStatus);  // NOLINT(concurrency-mt-unsafe): before any thread starts
 }
 
 // The interface of the default IPv4 route: the /proc/net/route line whose
@@ -124,11 +124,13 @@ class HostPlatformSettings::Loader {
 };
 
 std::string HostPlatformSettings::defaultConfigPath() {
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): the environment does not change while the process runs
   const char* path = std::getenv("CHD_PLATFORM_CONFIG");
   return path != nullptr && *path != '\0' ? path : kDefaultConfigPath;
 }
 
 HostPlatformSettings::HostPlatformSettings(const std::string& configPath) : mConfigPath(configPath) {
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): the environment does not change while the process runs
   const char* sessionBus = std::getenv("DBUS_SESSION_BUS_ADDRESS");
   mStatusStoreBus = sessionBus != nullptr && *sessionBus != '\0' ? "session" : "none";
   std::string ethernet;

@@ -74,11 +74,13 @@ std::atomic<bool> gUseSyslog{false};
 std::once_flag gEnvironmentRead;
 
 void readEnvironment() {
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): the environment does not change while the process runs
   const char* level = std::getenv("CHD_LOG_LEVEL");
   char* end = nullptr;
   const long value = level != nullptr ? std::strtol(level, &end, 10) : kNoOverride;
   const bool valid = level != nullptr && *level != '\0' && *end == '\0' && value >= 0 && value <= 100;
   gLevelOverride.store(valid ? static_cast<int>(value) : kNoOverride);
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): the environment does not change while the process runs
   const char* echo = std::getenv("CHD_LOG_STDERR");
   gEchoSyslogToStderr.store(echo != nullptr && std::strcmp(echo, "1") == 0);
 }
@@ -178,6 +180,7 @@ std::string formatMessage(const char* format, va_list args) {
   char stackBuffer[kStackMessageSize];
   va_list copy;
   va_copy(copy, args);
+  // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): copy is initialised by va_copy just above
   const int length = std::vsnprintf(stackBuffer, sizeof stackBuffer, format, copy);
   va_end(copy);
   if (length < 0) {

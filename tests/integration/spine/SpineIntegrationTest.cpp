@@ -120,8 +120,8 @@ TEST_F(SpineTest, StartBuildsTheDeviceAndStopWakesTheMainThread) {
   EXPECT_TRUE(log.contains("Couldn't find service[configurationmanagement]"));
   EXPECT_TRUE(device->updateUPnPServiceParam("BasicManagement", "LogURIs", "x", false));
 
-  // Give start() time to reach its wait: a signal sent before it is not remembered.
-  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  // start() holds the control object's lock until it waits, so once the
+  // getters above answered, stop() reaches a waiting start().
   EXPECT_TRUE(control->stop());
   ASSERT_EQ(started.wait_for(std::chrono::seconds(10)), std::future_status::ready);
   EXPECT_TRUE(started.get());
