@@ -1,8 +1,9 @@
 #!/bin/bash
-# Sets up, builds and runs every test: formatting, the normal build's whole
-# suite (unit, integration, end-to-end), the unit and integration tests again
-# under AddressSanitizer+UndefinedBehaviorSanitizer, a ThreadSanitizer build
-# with its unit tests, and short fuzz runs. Ends with "N passed, N failed".
+# Sets up, builds and runs every test: formatting, clang-tidy, the normal
+# build's whole suite (unit, integration, soak, end-to-end), the unit and
+# integration tests again under AddressSanitizer+UndefinedBehaviorSanitizer
+# and under ThreadSanitizer, and short fuzz runs. Ends with
+# "Total: N passed, N failed".
 set -uo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
@@ -49,6 +50,10 @@ echo "=== build (normal)"
 if ! "$root/scripts/build.sh" normal -DCHD_BUILD_TESTS=ON -DCHD_BUILD_BENCH=ON; then
   echo "build failed"; echo "0 passed, 1 failed"; exit 1
 fi
+echo "=== clang-tidy"
+"$root/scripts/lint.sh" tidy "$root/build"
+count "clang-tidy" $?
+
 run_ctest normal "$root/build" -j2 --timeout 900
 
 echo "=== build (asan+ubsan)"
@@ -64,7 +69,7 @@ echo "=== build (tsan)"
 if "$root/scripts/build.sh" tsan -DCHD_BUILD_TESTS=ON; then
   count "build tsan" 0
   G_SLICE=always-malloc TSAN_OPTIONS="halt_on_error=1 report_signal_unsafe=0 suppressions=$root/tests/tsan.supp" \
-    run_ctest tsan "$root/build-tsan" -j2 -L "^unit$" --timeout 900
+    run_ctest tsan "$root/build-tsan" -j2 -L '^(unit|integration)$' --timeout 900
 else
   count "build tsan" 1
 fi
