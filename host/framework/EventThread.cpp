@@ -53,13 +53,18 @@ class EventQueue : public host::detail::ClockWaiter {
 
   // False when the agent was dropped because the queue has stopped.
   bool enqueue(const SmartPtr<EventAgent>& agent, uint64_t delayMs, const std::shared_ptr<SendState>& send) {
-    const std::lock_guard<std::mutex> guard(mMutex);
-    if (mStopping || agent.isNull()) {
-      return false;
+    {
+      const std::lock_guard<std::mutex> guard(mMutex);
+      if (mStopping || agent.isNull()) {
+        return false;
+      }
+      const uint64_t due = host::nowMs() + delayMs;
+      mQueue.emplace(Key{due, mNextSequence++}, QueuedAgent{agent, send});
     }
-    const uint64_t due = host::nowMs() + delayMs;
-    mQueue.emplace(Key{due, mNextSequence++}, QueuedAgent{agent, send});
-    mWakeup.notify_all();
+    // Woken while the poster still held the lock, the queue's thread would
+    // run only to block on it again: two more context switches per agent
+    // when both threads share a core. Only the queue's own thread waits here.
+    mWakeup.notify_one();
     return true;
   }
 

@@ -2,6 +2,7 @@
 
 #include <charconv>
 #include <sstream>
+#include <utility>
 
 namespace zuna_upnp {
 
@@ -95,7 +96,7 @@ UPnPReturn Action::invoke(const std::vector<std::string>& inputs, std::vector<st
   outputs.clear();
   for (size_t i = 0; i < types.size(); ++i) {
     if (isReference(types[i])) {
-      outputs.push_back(args[i]);
+      outputs.push_back(std::move(args[i]));
     }
   }
   return result;

@@ -8,6 +8,7 @@
 #include <map>
 #include <mutex>
 #include <thread>
+#include <utility>
 
 #include "FunctionAgent.h"
 #include "InterfaceAddresses.h"
@@ -90,7 +91,9 @@ void answer(const PendingAction& pending, const UPnPReturn& result, const std::v
   for (size_t i = 0; i < names.size(); ++i) {
     GValue value = G_VALUE_INIT;
     g_value_init(&value, G_TYPE_STRING);
-    g_value_set_string(&value, i < outputs.size() ? outputs[i].c_str() : "");
+    // GUPnP escapes the value into its answer at once; a whole-tree answer
+    // is 11 KB that need not be copied first.
+    g_value_set_static_string(&value, i < outputs.size() ? outputs[i].c_str() : "");
     gupnp_service_action_set_value(pending.request, names[i].name.c_str(), &value);
     g_value_unset(&value);
   }
@@ -174,7 +177,7 @@ struct HostController::Core : ChangeSink,
     Tolvane::SmartPtr<Tolvane::EventAgent> agent(new FunctionAgent(service, [weak, replyLoop, action, id, inputs] {
       std::vector<std::string> outputs;
       UPnPReturn result = action->invoke(inputs, outputs);
-      replyLoop->post([weak, id, result, outputs] {
+      replyLoop->post([weak, id, result = std::move(result), outputs = std::move(outputs)] {
         if (std::shared_ptr<Core> core = weak.lock()) {
           core->completeAction(id, result, outputs);
         }
