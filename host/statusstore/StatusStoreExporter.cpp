@@ -67,23 +67,10 @@ GVariant* postEvent(LocalStatusManager& store, GVariant* parameters) {
   return nullptr;
 }
 
-GVariant* startTimer(LocalStatusManager& store, GVariant* parameters) {
-  store.startTimer(firstString(parameters));
-  return nullptr;
-}
-
-GVariant* stopTimer(LocalStatusManager& store, GVariant* parameters) {
-  store.stopTimer(firstString(parameters));
-  return nullptr;
-}
-
-GVariant* pauseTimer(LocalStatusManager& store, GVariant* parameters) {
-  store.pauseTimer(firstString(parameters));
-  return nullptr;
-}
-
-GVariant* resumeTimer(LocalStatusManager& store, GVariant* parameters) {
-  store.resumeTimer(firstString(parameters));
+// StartTimer, StopTimer, PauseTimer and ResumeTimer: one timer name in, nothing out.
+template <void (LocalStatusManager::*Operation)(const std::string&)>
+GVariant* timerOperation(LocalStatusManager& store, GVariant* parameters) {
+  (store.*Operation)(firstString(parameters));
   return nullptr;
 }
 
@@ -119,10 +106,10 @@ constexpr Method kMethods[] = {
     {"SetStatuses", setStatuses},
     {"GetStatus", getStatus},
     {"PostEvent", postEvent},
-    {"StartTimer", startTimer},
-    {"StopTimer", stopTimer},
-    {"PauseTimer", pauseTimer},
-    {"ResumeTimer", resumeTimer},
+    {"StartTimer", timerOperation<&LocalStatusManager::startTimer>},
+    {"StopTimer", timerOperation<&LocalStatusManager::stopTimer>},
+    {"PauseTimer", timerOperation<&LocalStatusManager::pauseTimer>},
+    {"ResumeTimer", timerOperation<&LocalStatusManager::resumeTimer>},
     {"GetTimerElapsed", getTimerElapsed},
     {"GetTimerStartTime", getTimerStartTime},
     {"GetCounter", getCounter},

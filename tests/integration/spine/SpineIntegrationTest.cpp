@@ -13,32 +13,13 @@
 #include <vector>
 
 #include "ClientHomeDiagnostics.h"
+#include "FixedPlatformSettings.h"
 #include "ManageableDevice.h"
 #include "tolvane/Logging.h"
 #include "tolvane/PlatformSettings.h"
 #include "tolvane_host/HostPlatformSettings.h"
 
 namespace {
-
-class FixedPlatform : public Tolvane::PlatformSettings {
- public:
-  explicit FixedPlatform(std::string logPath) : mLogPath(std::move(logPath)) {}
-  bool hasChdSupport() override { return true; }
-  std::string getModel() override { return "ABC"; }
-  std::string getManufacturer() override { return "Acme"; }
-  std::string getManufacturerId() override { return "42"; }
-  int getLocale() override { return 0; }
-  bool hasWifi() override { return false; }
-  bool hasLogChunking() override { return true; }
-  bool supportsDumpingEEDID() override { return false; }
-  bool hasAmazonEchoSupport() override { return false; }
-  std::string getLogPath() override { return mLogPath; }
-  std::string getAutoIPInterface() override { return ""; }
-  std::string getEthernetInterface() override { return "lo"; }
-
- private:
-  std::string mLogPath;
-};
 
 class LogRecorder {
  public:
@@ -78,16 +59,18 @@ class SpineTest : public ::testing::Test {
     std::ofstream(conf) << "[platform]\nlog_path=" << sTmp << "/log\nethernet_interface=lo\n"
                         << "[statusstore]\nbus=none\n[settings]\nfile=" << sTmp << "/settings.conf\n";
     setenv("CHD_PLATFORM_CONFIG", conf.c_str(), 1);  // NOLINT(concurrency-mt-unsafe): before any thread
-    sPlatform = new FixedPlatform(sTmp + "/log");
+    sPlatform = new FixedPlatformSettings();
+    sPlatform->logPath = sTmp + "/log";
+    sPlatform->ethernet = "lo";
     Tolvane::host::setPlatformSettingsForTest(sPlatform);
   }
 
   static std::string sTmp;
-  static FixedPlatform* sPlatform;
+  static FixedPlatformSettings* sPlatform;
 };
 
 std::string SpineTest::sTmp;
-FixedPlatform* SpineTest::sPlatform = nullptr;
+FixedPlatformSettings* SpineTest::sPlatform = nullptr;
 
 // Runs the whole start sequence on a thread, checks the device, then stops.
 TEST_F(SpineTest, StartBuildsTheDeviceAndStopWakesTheMainThread) {

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "ClientHomeDiagnostics.h"
+#include "FixedPlatformSettings.h"
 #include "tolvane/PlatformSettings.h"
 #include "tolvane_host/HostPlatformSettings.h"
 #include "zuna_upnp/Controller.h"
@@ -38,25 +39,6 @@ class RecordingController : public zuna_upnp::Controller {
   Tolvane::StringVector lastServerNames;
 };
 
-class FixedPlatform : public Tolvane::PlatformSettings {
- public:
-  bool hasChdSupport() override { return true; }
-  std::string getModel() override { return "ABC"; }
-  std::string getManufacturer() override { return "Acme"; }
-  std::string getManufacturerId() override { return "42"; }
-  int getLocale() override { return 0; }
-  bool hasWifi() override { return false; }
-  bool hasLogChunking() override { return true; }
-  bool supportsDumpingEEDID() override { return false; }
-  bool hasAmazonEchoSupport() override { return false; }
-  std::string getLogPath() override { return "/tmp"; }
-  std::string getAutoIPInterface() override { return autoIp; }
-  std::string getEthernetInterface() override { return ethernet; }
-
-  std::string autoIp;
-  std::string ethernet = "eth7";
-};
-
 class ControlTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -68,7 +50,7 @@ class ControlTest : public ::testing::Test {
     Tolvane::host::setPlatformSettingsForTest(nullptr);
   }
 
-  FixedPlatform platform;
+  FixedPlatformSettings platform;
   RecordingController controller;
 };
 
