@@ -2,6 +2,7 @@
 --   WIRE_BODY_FILE   request body (the request becomes a SOAP POST); unset: plain GET
 --   WIRE_SOAPACTION  SOAPACTION header value, without the quotes
 --   WIRE_CLOSE=1     ask for a new connection per request ("Connection: close")
+--   WIRE_UA          User-Agent header, as control points send one; unset or empty: none
 -- At the end one line "WIRE_RESULT key=value ..." carries what run.sh records.
 local body_file = os.getenv("WIRE_BODY_FILE")
 local soap_action = os.getenv("WIRE_SOAPACTION")
@@ -15,6 +16,10 @@ if body_file and body_file ~= "" then
 end
 if soap_action and soap_action ~= "" then
   wrk.headers["SOAPACTION"] = '"' .. soap_action .. '"'
+end
+local user_agent = os.getenv("WIRE_UA")
+if user_agent and user_agent ~= "" then
+  wrk.headers["User-Agent"] = user_agent
 end
 if os.getenv("WIRE_CLOSE") == "1" then
   wrk.headers["Connection"] = "close"

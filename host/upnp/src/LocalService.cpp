@@ -3,10 +3,14 @@
 #include <glib.h>
 
 #include "DescriptionXml.h"
+#include "FunctionAgent.h"
 #include "ServiceBinding.h"
 #include "ThreadSignals.h"
 #include "tolvane/EventThread.h"
+#include "tolvane/Logging.h"
 #include "zuna_upnp/LocalDevice.h"
+
+TL_REGISTER_LOGGING(true, 5);
 
 namespace zuna_upnp {
 
@@ -32,6 +36,11 @@ LocalService::LocalService(LocalDevice* parent, RootDevice* root) : mImpl(std::m
   mImpl->root = root;
   const ProcessSignalsBlockedForNewThreads signalsStayElsewhere;
   mImpl->dispatcher = std::make_unique<Tolvane::EventThread>("UPnPService");
+  mImpl->dispatcher->post(Tolvane::SmartPtr<Tolvane::EventAgent>(new FunctionAgent(this, [] {
+    if (!runInBackground()) {
+      TL_LOG(2, "UPnP service thread keeps its scheduling policy");
+    }
+  })));
 }
 
 LocalService::~LocalService() {

@@ -80,6 +80,9 @@ MainLoop::MainLoop() : mContext(g_main_context_new()), mLoop(g_main_loop_new(mCo
   mThread = std::thread([this, &startedMutex, &startedCondition, &started] {
     pthread_setname_np(pthread_self(), "UPnPStack");
     blockProcessSignals();
+    if (!runInBackground()) {
+      TL_LOG(2, "UPnP stack thread keeps its scheduling policy");
+    }
     g_main_context_push_thread_default(mContext);
     {
       // Notified under the lock: the constructor's locals die once it sees started.

@@ -104,6 +104,13 @@ void addCloseHeader(SoupServer* /*server*/, SoupServerMessage* msg, gpointer /*d
   soup_message_headers_replace(soup_server_message_get_response_headers(msg), "Connection", "close");
 }
 
+void markMissingUserAgent(SoupServer* /*server*/, SoupServerMessage* msg, gpointer /*data*/) {
+  SoupMessageHeaders* headers = soup_server_message_get_request_headers(msg);
+  if (soup_message_headers_get_one(headers, "User-Agent") == nullptr) {
+    soup_message_headers_append(headers, "User-Agent", "");
+  }
+}
+
 }  // namespace
 
 void addProviderRoute(SoupServer* server, ProviderRoute* route) {
@@ -117,6 +124,10 @@ void removeProviderRoute(SoupServer* server, const std::string& base) {
 
 void answerEscapingPathsWithNotFound(SoupServer* server) {
   g_signal_connect(server, "request-started", G_CALLBACK(watchHeaders), nullptr);
+}
+
+void skipUserAgentGuesses(SoupServer* server) {
+  g_signal_connect(server, "request-read", G_CALLBACK(markMissingUserAgent), nullptr);
 }
 
 void closeConnectionsAfterEachResponse(SoupServer* server) {

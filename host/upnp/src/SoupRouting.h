@@ -30,6 +30,13 @@ void removeProviderRoute(SoupServer* server, const std::string& base);
 // answered 404 like every other path that does. For servers that decode.
 void answerEscapingPathsWithNotFound(SoupServer* server);
 
+// GUPnP guesses the agent of a request without "User-Agent" for every SOAP
+// and GENA request, with a netlink neighbour lookup (a socket, a round trip
+// to the kernel) that costs about a tenth of a trivial action, although the
+// guess is used only by access control lists, which the stack does not set.
+// Requests without the header get an empty one before any handler runs.
+void skipUserAgentGuesses(SoupServer* server);
+
 // The stack serves one request per connection (see SoupAcceptor: without a
 // listener of its own libsoup closes every connection after its response,
 // which also keeps it clear of libsoup 3.2's leak of idle kept-alive

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <pthread.h>
+#include <sched.h>
 
 #include <csignal>
 
@@ -18,6 +19,18 @@ inline void blockProcessSignals(sigset_t* previous = nullptr) {
     sigdelset(&signals, fault);
   }
   pthread_sigmask(SIG_BLOCK, &signals, previous);
+}
+
+// The stack's own threads (the GLib thread and the services' dispatchers)
+// run SCHED_BATCH. A request that wakes one of them then does not preempt the
+// thread that is running: the box's interactive work goes on, and on a busy
+// core the hand-overs between the GLib thread and a dispatcher are taken in
+// batches instead of costing a context switch each. Their share of the CPU
+// (nice) is unchanged. Returns whether the policy could be set.
+inline bool runInBackground() {
+  sched_param param{};
+  param.sched_priority = 0;
+  return pthread_setschedparam(pthread_self(), SCHED_BATCH, &param) == 0;
 }
 
 // Threads started inside the scope (a framework event thread, say) begin

@@ -1,7 +1,10 @@
 // Device and control point in one process on loopback (run inside a private
 // network namespace by the ctest wrapper).
 #include <gtest/gtest.h>
+#include <sched.h>
 
+#include <filesystem>
+#include <fstream>
 #include <thread>
 
 #include "ControlPoint.h"
@@ -18,6 +21,28 @@ using upnp_it::ControlPoint;
 std::string baseOf(const std::string& location) {
   const size_t slash = location.find('/', location.find("//") + 2);
   return location.substr(0, slash);
+}
+
+// Scheduling policies of this process's threads that carry the name.
+std::vector<int> policiesOfThreads(const std::string& name) {
+  std::vector<int> policies;
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+    std::string comm;
+    std::getline(std::ifstream(task.path() / "comm"), comm);
+    if (comm == name) {
+      policies.push_back(sched_getscheduler(std::stoi(task.path().filename().string())));
+    }
+  }
+  return policies;
+}
+
+bool allBackground(const std::vector<int>& policies) {
+  for (int policy : policies) {
+    if (policy != SCHED_BATCH) {
+      return false;
+    }
+  }
+  return !policies.empty();
 }
 
 class UpnpStackTest : public ::testing::Test {
@@ -192,6 +217,17 @@ void onHoldDone(GObject* source, GAsyncResult* result, gpointer data) {
   gupnp_service_proxy_call_action_finish(GUPNP_SERVICE_PROXY(source), result, &error);
   g_clear_error(&error);
   *static_cast<bool*>(data) = true;
+}
+
+TEST_F(UpnpStackTest, StackThreadsRunAsBackgroundWork) {
+  GUPnPServiceProxy* calculator = service(upnp_it::kCalculatorType);
+  ASSERT_NE(calculator, nullptr);
+  ActionResult total = controlPoint->invoke(calculator, "GetTotal", {}, {"Total"});
+  ASSERT_TRUE(total.ok) << total.errorMessage;
+  // Each dispatcher sets its policy with its first agent.
+  ASSERT_TRUE(controlPoint->runUntil([] { return allBackground(policiesOfThreads("UPnPService")); }, 5000));
+  EXPECT_TRUE(allBackground(policiesOfThreads("UPnPStack")));
+  EXPECT_EQ(sched_getscheduler(0), SCHED_OTHER) << "the test's own thread keeps its policy";
 }
 
 TEST_F(UpnpStackTest, HeldHandlerHoldsUpOnlyItsOwnService) {

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sched.h>
 
 #include <string>
 
@@ -83,8 +84,12 @@ TEST(LocalService, DefaultWebRequestIsNotFound) {
 class ThreadProbe {
  public:
   explicit ThreadProbe(Tolvane::EventDispatcher* dispatcher) : mDispatcher(dispatcher) {}
-  void probe() { onDispatcher = mDispatcher->isCurrentThread(); }
+  void probe() {
+    onDispatcher = mDispatcher->isCurrentThread();
+    policy = sched_getscheduler(0);
+  }
   bool onDispatcher = false;
+  int policy = -1;
 
  private:
   Tolvane::EventDispatcher* mDispatcher;
@@ -100,6 +105,15 @@ TEST(LocalService, EachServiceHasItsOwnDispatcher) {
   ThreadProbe probe(dispatcher);
   dispatcher->send(Tolvane::SmartPtr<Tolvane::EventAgent>(new Tolvane::SyncEventAgent(&probe, &ThreadProbe::probe)));
   EXPECT_TRUE(probe.onDispatcher);
+}
+
+TEST(LocalService, DispatcherRunsAsBackgroundWork) {
+  upnp_test::TestDevice device;
+  Tolvane::EventDispatcher* dispatcher = device.calculator->getDispatcher();
+  ThreadProbe probe(dispatcher);
+  dispatcher->send(Tolvane::SmartPtr<Tolvane::EventAgent>(new Tolvane::SyncEventAgent(&probe, &ThreadProbe::probe)));
+  EXPECT_EQ(probe.policy, SCHED_BATCH);
+  EXPECT_EQ(sched_getscheduler(0), SCHED_OTHER) << "the creating thread keeps its policy";
 }
 
 }  // namespace
