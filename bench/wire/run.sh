@@ -15,7 +15,8 @@
 #   WIRE_DUR=10 WIRE_ROUNDS=3 WIRE_CONC="1 16"   wrk seconds per row, interleaved rounds, connections
 #   WIRE_STARTS=10 WIRE_SETTLE=20 WIRE_IDLE=60   starts to time; seconds to settle, idle window
 #   WIRE_PIN=1              servers on CPU 1, wrk on CPU 0 (0: no pinning)
-#   WIRE_PERF=0             1: also profile chd under c=16 load with perf (perf-*.txt)
+#   WIRE_PERF=0             1: also profile chd under c=16 load with perf (perf-*.txt);
+#                           peers: the peers as well (Rygel's and minidlna's answers)
 # A run of about ten minutes: WIRE_DUR=5 WIRE_IDLE=60 WIRE_SETTLE=15 bench/wire/run.sh
 #
 # Everything runs in one private network namespace that has nothing but its
@@ -145,11 +146,11 @@ load_section() {  # name targets_file: rounds interleaved over all targets and c
   done
 }
 
-profile_chd() {  # label: perf samples of chd while wrk loads the target with 16 connections
-  local label=$1 url action body
-  IFS=$'\t' read -r _ url action body _ < <(awk -F'\t' -v l="$label" '$1 == l' "$out"/targets-*.tsv | head -1)
+profile_target() {  # label: perf samples of the target's server while wrk loads it with 16 connections
+  local label=$1 url action body pids
+  IFS=$'\t' read -r _ url action body pids _ < <(awk -F'\t' -v l="$label" '$1 == l' "$out"/targets-*.tsv | head -1)
   [ -n "$url" ] || return 0
-  perf record -F 999 -g -p "${PID[chd]}" -o "$work/perf-$label.data" -- sleep "$dur" >/dev/null 2>&1 &
+  perf record -F 999 -g -p "${pids%%+*}" -o "$work/perf-$label.data" -- sleep "$dur" >/dev/null 2>&1 &
   local recorder=$!
   WIRE_BODY_FILE=$body WIRE_SOAPACTION=$action on_load_cpu timeout $((dur + 30)) \
     wrk -t1 -c16 -d"${dur}s" --timeout 5s -s "$here/wire.lua" "$url" >/dev/null 2>&1 || true
@@ -236,10 +237,14 @@ if has soap || has getvalues; then
   log "footprint after the load"
   # shellcheck disable=SC2046
   wire idle "$out/idle.tsv" "$out/idle_threads.tsv" 10 $(idle_groups -afterload)
-  if [ "${WIRE_PERF:-0}" = 1 ] && command -v perf >/dev/null; then
-    log "profiles of chd under load"
-    profile_chd chd-GetCurrentConfigurationVersion
-    profile_chd chd-GetValues-whole-tree
+  if [ "${WIRE_PERF:-0}" != 0 ] && command -v perf >/dev/null; then
+    log "profiles under load"
+    profile_target chd-GetCurrentConfigurationVersion
+    profile_target chd-GetValues-whole-tree
+    if [ "${WIRE_PERF}" = peers ]; then
+      profile_target rygel-GetSystemUpdateID-close
+      profile_target minidlna-Browse24
+    fi
   fi
 fi
 

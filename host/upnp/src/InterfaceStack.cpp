@@ -136,8 +136,7 @@ bool InterfaceStack::start(const StackSettings& settings) {
     TL_LOG(0, "No HTTP listener on [%s] [%s]", mName.c_str(), mAddress.c_str());
     return false;
   }
-  zuna_http::host::answerEscapingPathsWithNotFound(mServer);
-  zuna_http::host::closeConnectionsAfterEachResponse(mServer);
+  zuna_http::host::answerEscapingPathsWithNotFoundAndCloseConnections(mServer);
   zuna_http::host::skipUserAgentGuesses(mServer);
   g_signal_connect(mServer, "request-finished", G_CALLBACK(onRequestFinished), this);
   TL_LOG(5, "UPnP stack on [%s] [%s] port [%u]", mName.c_str(), mAddress.c_str(), port);

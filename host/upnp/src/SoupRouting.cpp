@@ -104,6 +104,12 @@ void addCloseHeader(SoupServer* /*server*/, SoupServerMessage* msg, gpointer /*d
   soup_message_headers_replace(soup_server_message_get_response_headers(msg), "Connection", "close");
 }
 
+// One handler for both: every request pays for each handler of the signal.
+void watchHeadersAndAddCloseHeader(SoupServer* server, SoupServerMessage* msg, gpointer data) {
+  watchHeaders(server, msg, data);
+  addCloseHeader(server, msg, data);
+}
+
 void markMissingUserAgent(SoupServer* /*server*/, SoupServerMessage* msg, gpointer /*data*/) {
   SoupMessageHeaders* headers = soup_server_message_get_request_headers(msg);
   if (soup_message_headers_get_one(headers, "User-Agent") == nullptr) {
@@ -122,16 +128,16 @@ void removeProviderRoute(SoupServer* server, const std::string& base) {
   soup_server_remove_handler(server, base.empty() ? "" : base.c_str());
 }
 
-void answerEscapingPathsWithNotFound(SoupServer* server) {
-  g_signal_connect(server, "request-started", G_CALLBACK(watchHeaders), nullptr);
-}
-
 void skipUserAgentGuesses(SoupServer* server) {
   g_signal_connect(server, "request-read", G_CALLBACK(markMissingUserAgent), nullptr);
 }
 
 void closeConnectionsAfterEachResponse(SoupServer* server) {
   g_signal_connect(server, "request-started", G_CALLBACK(addCloseHeader), nullptr);
+}
+
+void answerEscapingPathsWithNotFoundAndCloseConnections(SoupServer* server) {
+  g_signal_connect(server, "request-started", G_CALLBACK(watchHeadersAndAddCloseHeader), nullptr);
 }
 
 }  // namespace zuna_http::host

@@ -25,10 +25,6 @@ struct ProviderRoute {
 void addProviderRoute(SoupServer* server, ProviderRoute* route);
 void removeProviderRoute(SoupServer* server, const std::string& base);
 
-// libsoup refuses a path that decodes to "/../" or holds a bad escape with
-// 400 before any handler sees it; such a path leaves the root and is
-// answered 404 like every other path that does. For servers that decode.
-void answerEscapingPathsWithNotFound(SoupServer* server);
 
 // GUPnP guesses the agent of a request without "User-Agent" for every SOAP
 // and GENA request, with a netlink neighbour lookup (a socket, a round trip
@@ -42,5 +38,12 @@ void skipUserAgentGuesses(SoupServer* server);
 // which also keeps it clear of libsoup 3.2's leak of idle kept-alive
 // connections that clients close); this tells the clients so.
 void closeConnectionsAfterEachResponse(SoupServer* server);
+
+// closeConnectionsAfterEachResponse, and for servers that decode paths:
+// libsoup refuses a path that decodes to "/../" or holds a bad escape with
+// 400 before any handler sees it; such a path leaves the root and is
+// answered 404 like every other path that does. One handler does both, as
+// every request pays for each handler of the signal.
+void answerEscapingPathsWithNotFoundAndCloseConnections(SoupServer* server);
 
 }  // namespace zuna_http::host
