@@ -147,12 +147,12 @@ load_section() {  # name targets_file: rounds interleaved over all targets and c
 }
 
 profile_target() {  # label: perf samples of the target's server while wrk loads it with 16 connections
-  local label=$1 url action body pids
-  IFS=$'\t' read -r _ url action body pids _ < <(awk -F'\t' -v l="$label" '$1 == l' "$out"/targets-*.tsv | head -1)
+  local label=$1 url action body pids close
+  IFS=$'\t' read -r _ url action body pids close < <(awk -F'\t' -v l="$label" '$1 == l' "$out"/targets-*.tsv | head -1)
   [ -n "$url" ] || return 0
   perf record -F 999 -g -p "${pids%%+*}" -o "$work/perf-$label.data" -- sleep "$dur" >/dev/null 2>&1 &
   local recorder=$!
-  WIRE_BODY_FILE=$body WIRE_SOAPACTION=$action on_load_cpu timeout $((dur + 30)) \
+  WIRE_BODY_FILE=$body WIRE_SOAPACTION=$action WIRE_CLOSE=$close on_load_cpu timeout $((dur + 30)) \
     wrk -t1 -c16 -d"${dur}s" --timeout 5s -s "$here/wire.lua" "$url" >/dev/null 2>&1 || true
   wait "$recorder" || true
   perf report -i "$work/perf-$label.data" --stdio --no-children --sort dso,symbol --percent-limit 1 \

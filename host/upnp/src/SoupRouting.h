@@ -25,7 +25,6 @@ struct ProviderRoute {
 void addProviderRoute(SoupServer* server, ProviderRoute* route);
 void removeProviderRoute(SoupServer* server, const std::string& base);
 
-
 // GUPnP guesses the agent of a request without "User-Agent" for every SOAP
 // and GENA request, with a netlink neighbour lookup (a socket, a round trip
 // to the kernel) that costs about a tenth of a trivial action, although the
