@@ -76,7 +76,7 @@ class ChdEnv:
     """A private bus, optionally the host client application, and chd."""
 
     def __init__(self, platform=None, settings=None, client_app=True, client_app_args=None, start=True,
-                 log_level=6):
+                 log_level=6, extra_env=None):
         self.tmp = tempfile.mkdtemp(prefix="chd-e2e-")
         self.log_path = os.path.join(self.tmp, "log")
         self.settings_file = os.path.join(self.tmp, "settings.conf")
@@ -88,6 +88,7 @@ class ChdEnv:
         self.client_app = client_app
         self.client_app_args = client_app_args or []
         self.log_level = log_level
+        self.extra_env = extra_env or {}
         self.bus = None
         self.chd = None
         self.client = None
@@ -134,6 +135,7 @@ class ChdEnv:
         env["CHD_LOG_LEVEL"] = str(self.log_level)
         env["DBUS_SESSION_BUS_ADDRESS"] = self.bus_address
         env["TLCOM_COMPONENT_PATH"] = os.path.join(BUILD_DIR, "lib")
+        env.update(self.extra_env)
         return env
 
     def start_bus(self):

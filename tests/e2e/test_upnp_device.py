@@ -2,8 +2,10 @@
 discovery with a GSSDP browser, the description and SCPDs fetched over HTTP,
 raw SOAP requests with curl, path escapes, and the goodbye on SIGTERM."""
 
+import http.server
 import signal
 import subprocess
+import threading
 import time
 import unittest
 import xml.etree.ElementTree as ElementTree
@@ -185,6 +187,67 @@ class GoodbyeTest(unittest.TestCase):
             rc = env.stop_chd(signal.SIGTERM, timeout=10)
             self.assertEqual(rc, 1)
             iterate_until(lambda: usn in browser.gone, 5, "the byebye")
+
+
+class EventSink(http.server.ThreadingHTTPServer):
+    """A GENA subscriber's callback on 127.0.0.1: records each NOTIFY."""
+
+    def __init__(self):
+        self.notifies = []
+        sink = self
+
+        class Handler(http.server.BaseHTTPRequestHandler):
+            def do_NOTIFY(self):  # noqa: N802 (the method's name is the HTTP method)
+                length = int(self.headers.get("Content-Length", "0"))
+                sink.notifies.append(self.rfile.read(length))
+                self.send_response(200)
+                self.send_header("Content-Length", "0")
+                self.end_headers()
+
+            def log_message(self, *_args):
+                pass
+
+        super().__init__(("127.0.0.1", 0), Handler)
+        self.thread = threading.Thread(target=self.serve_forever, daemon=True)
+        self.thread.start()
+
+    def close(self):
+        self.shutdown()
+        self.server_close()
+
+
+class ProxyEnvironmentTest(unittest.TestCase):
+    """The daemon's own HTTP client (GUPnP fetching each service's description
+    from its own server, and event notifications to subscribers) talks to the
+    local network directly, whatever proxy its environment names."""
+
+    PROXY = {"http_proxy": "http://127.0.0.1:9/", "HTTP_PROXY": "http://127.0.0.1:9/", "no_proxy": "",
+             "NO_PROXY": ""}
+
+    def test_events_reach_a_subscriber_without_the_environment_proxy(self):
+        with ChdEnv(platform=PLATFORM, client_app=False, extra_env=self.PROXY) as env:
+            _usn, locations = Browser("lo", DEVICE_TYPE).wait_for_device()
+            base = "/".join(locations[0].split("/", 3)[:3])
+            status, _head, body = curl(locations[0])
+            self.assertEqual(status, 200)
+            event_path = None
+            for service in ElementTree.fromstring(body).findall("d:device/d:serviceList/d:service", DEVICE_NS):
+                if service.find("d:serviceType", DEVICE_NS).text == BM_TYPE:
+                    event_path = service.find("d:eventSubURL", DEVICE_NS).text
+            self.assertIsNotNone(event_path)
+            sink = EventSink()
+            try:
+                callback = "<http://127.0.0.1:%d/events>" % sink.server_address[1]
+                status, head, _body = curl(base + event_path, ["-X", "SUBSCRIBE", "-H", "CALLBACK: " + callback,
+                                                               "-H", "NT: upnp:event", "-H", "TIMEOUT: Second-300"])
+                self.assertEqual(status, 200, head)
+                iterate_until(lambda: sink.notifies, 10, "the initial NOTIFY")
+                self.assertIn(b"propertyset", sink.notifies[0])
+            finally:
+                sink.close()
+            # The desktop's proxy settings were not even read (GSettings through dconf).
+            with open("/proc/%d/maps" % env.chd.pid) as maps:
+                self.assertFalse([line for line in maps if "dconf" in line])
 
 
 if __name__ == "__main__":

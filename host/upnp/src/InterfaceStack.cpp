@@ -123,6 +123,10 @@ bool InterfaceStack::start(const StackSettings& settings) {
     return false;
   }
   gssdp_client_set_server_id(GSSDP_CLIENT(mContext), settings.serverString.c_str());
+  // The context's HTTP client fetches each new service's own description
+  // from this very server: it connects directly (so do GUPnP's private
+  // clients for events, see useDirectConnections).
+  soup_session_set_proxy_resolver(gupnp_context_get_session(mContext), nullptr);
   mServer = gupnp_context_get_server(mContext);
   if (mServer == nullptr) {
     TL_LOG(0, "No HTTP server on [%s] [%s] port [%d]", mName.c_str(), mAddress.c_str(), settings.port);

@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <mutex>
 
+#include "DirectProxyResolver.h"
 #include "ThreadSignals.h"
 #include "tolvane/Logging.h"
 
@@ -64,6 +65,7 @@ void forwardLibraryLogging() {
 
 std::shared_ptr<MainLoop> MainLoop::acquire() {
   forwardLibraryLogging();
+  useDirectConnections();
   std::lock_guard<std::mutex> lock(gInstanceMutex);
   std::shared_ptr<MainLoop> loop = gInstance.lock();
   if (!loop) {
