@@ -15,6 +15,8 @@
 #   WIRE_DUR=10 WIRE_ROUNDS=3 WIRE_CONC="1 16"   wrk seconds per row, interleaved rounds, connections
 #   WIRE_STARTS=10 WIRE_SETTLE=20 WIRE_IDLE=60   starts to time; seconds to settle, idle window
 #   WIRE_PIN=1              servers on CPU 1, wrk on CPU 0 (0: no pinning)
+#   WIRE_UA=                User-Agent of every load request (unset: none, as wrk sends; control
+#                           points send one, and GUPnP looks up the agent of a request without)
 #   WIRE_PERF=0             1: also profile chd under c=16 load with perf (perf-*.txt);
 #                           peers: the peers as well (Rygel's and minidlna's answers)
 # A run of about ten minutes: WIRE_DUR=5 WIRE_IDLE=60 WIRE_SETTLE=15 bench/wire/run.sh
@@ -148,8 +150,9 @@ load_section() {  # name targets_file: rounds interleaved over all targets and c
 
 profile_target() {  # label: perf samples of the target's server while wrk loads it with 16 connections
   local label=$1 url action body pids close
-  IFS=$'\t' read -r _ url action body pids close < <(awk -F'\t' -v l="$label" '$1 == l' "$out"/targets-*.tsv | head -1)
-  [ -n "$url" ] || return 0
+  IFS=$'\t' read -r _ url action body pids close < <(awk -F'\t' -v l="$label" '$1 == l' "$out"/targets-*.tsv | head -1) ||
+    true
+  [ -n "$url" ] || return 0  # not a target of the sections run
   perf record -F 999 -g -p "${pids%%+*}" -o "$work/perf-$label.data" -- sleep "$dur" >/dev/null 2>&1 &
   local recorder=$!
   WIRE_BODY_FILE=$body WIRE_SOAPACTION=$action WIRE_CLOSE=$close on_load_cpu timeout $((dur + 30)) \
@@ -206,7 +209,7 @@ if has soap; then
     GetSystemUpdateID "${PID[rygel]}"
   # chd answers every request with "Connection: close"; the same on Rygel tells
   # what a connection per request costs the same stack.
-  awk -F'\t' -v OFS='\t' '$1 == "rygel-GetSystemUpdateID" {$1 = $1 "-close"; $7 = 1; print}' "$targets" \
+  awk -F'\t' -v OFS='\t' '$1 == "rygel-GetSystemUpdateID" {$1 = $1 "-close"; $6 = 1; print}' "$targets" \
     >"$work/rygel-close.tsv"
   cat "$work/rygel-close.tsv" >>"$targets"
   get_target "$targets" nginx-10k-keepalive "http://127.0.0.1:$NGINX_PORT/10k.xml" "${PID[nginx]}" 0
