@@ -2,6 +2,8 @@
 
 #include <gio/gio.h>
 
+#include <mutex>
+
 namespace {
 
 struct DirectProxyResolver {
@@ -55,15 +57,14 @@ void initResolverInterface(gpointer iface, gpointer /*data*/) {
 }
 
 GType directProxyResolverGetType() {
-  static gsize type = 0;
-  if (g_once_init_enter(&type)) {
+  static const GType type = [] {
     const GType registered =
         g_type_register_static_simple(G_TYPE_OBJECT, "ChdDirectProxyResolver", sizeof(DirectProxyResolverClass),
                                       nullptr, sizeof(DirectProxyResolver), nullptr, GTypeFlags(0));
     const GInterfaceInfo resolverInfo{initResolverInterface, nullptr, nullptr};
     g_type_add_interface_static(registered, G_TYPE_PROXY_RESOLVER, &resolverInfo);
-    g_once_init_leave(&type, registered);
-  }
+    return registered;
+  }();
   return type;
 }
 
@@ -75,15 +76,16 @@ constexpr gint kPriority = 1000;
 namespace zuna_upnp {
 
 void useDirectConnections() {
-  static gsize done = 0;
-  if (g_once_init_enter(&done)) {
+  static std::once_flag once;
+  std::call_once(once, [] {
     // Registering the extension point first is allowed: GIO takes the
-    // registered one and adds its own implementations beside ours.
+    // registered one and adds its own implementations beside ours. (GIO's
+    // GSimpleProxyResolver cannot stand in: it has no is_supported, which
+    // GIO calls on the default resolver's candidates.)
     g_io_extension_point_register(G_PROXY_RESOLVER_EXTENSION_POINT_NAME);
     g_io_extension_point_implement(G_PROXY_RESOLVER_EXTENSION_POINT_NAME, directProxyResolverGetType(), "chd-direct",
                                    kPriority);
-    g_once_init_leave(&done, 1);
-  }
+  });
 }
 
 }  // namespace zuna_upnp
