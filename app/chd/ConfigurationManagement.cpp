@@ -139,6 +139,12 @@ std::string localTimeNow() {
 
 }  // namespace
 
+struct ConfigurationManagementService::AnswerCache {
+  std::vector<std::string> paths;
+  TiXmlDocument document;
+  std::vector<TiXmlText*> values;  // the Value texts, one per path, owned by document
+};
+
 ConfigurationManagementService::ConfigurationManagementService(zuna_upnp::LocalDevice* device,
                                                                zuna_upnp::RootDevice* root)
     : zuna_upnp::LocalService(device, root),
@@ -550,17 +556,32 @@ UPnPReturn ConfigurationManagementService::GetValues(std::string contentPathList
     }
   }
 
-  TiXmlDocument answer;
+  const std::lock_guard<std::mutex> cacheGuard(mAnswerCacheLock);
+  AnswerCache& answer = answerFor(paths);
+  for (size_t i = 0; i < paths.size(); ++i) {
+    answer.values[i]->SetValue(readValue(paths[i]));
+  }
+  parameterValueList = printDocument(answer.document);
+  return success();
+}
+
+ConfigurationManagementService::AnswerCache& ConfigurationManagementService::answerFor(
+    const std::vector<std::string>& paths) {
+  if (mAnswerCache && mAnswerCache->paths == paths) {
+    return *mAnswerCache;
+  }
+  auto cache = std::make_unique<AnswerCache>();
+  cache->paths = paths;
   TiXmlElement* root = new TiXmlElement(PARAMETER_VALUE_LIST);
-  answer.LinkEndChild(root);
+  cache->document.LinkEndChild(root);
   for (const std::string& path : paths) {
     TiXmlElement* parameter = new TiXmlElement(PARAMETER);
     root->LinkEndChild(parameter);
     addTextElement(parameter, PARAMETER_PATH, path);
-    addTextElement(parameter, VALUE, readValue(path));
+    cache->values.push_back(addTextElement(parameter, VALUE, std::string())->FirstChild()->ToText());
   }
-  parameterValueList = printDocument(answer);
-  return success();
+  mAnswerCache = std::move(cache);
+  return *mAnswerCache;
 }
 
 std::string ConfigurationManagementService::readValue(const std::string& path) {

@@ -41,6 +41,26 @@ TEST_F(GetValuesTest, PrintsTheParameterValueListExactly) {
             r.out);
 }
 
+TEST_F(GetValuesTest, RepeatedRequestsShowCurrentValues) {
+  const std::string both = contentPathList({"/vsp/HDTV/NATIVE", "/vsp/RCS/ESN"});
+  setStatuses({{"HDTV.Video.Native", "HDTV.Video.Native.On"}, {"ESN", "first"}});
+  EXPECT_EQ("<ParameterValueList>\n" + parameterXml("/vsp/HDTV/NATIVE", "On") + parameterXml("/vsp/RCS/ESN", "first") +
+                "</ParameterValueList>\n",
+            getValues(both).out);
+  setStatuses({{"ESN", "second"}});
+  EXPECT_EQ("<ParameterValueList>\n" + parameterXml("/vsp/HDTV/NATIVE", "On") + parameterXml("/vsp/RCS/ESN", "second") +
+                "</ParameterValueList>\n",
+            getValues(both).out);
+  // Another list in between, then the first again.
+  EXPECT_EQ("<ParameterValueList>\n" + parameterXml("/vsp/RCS/ESN", "second") + "</ParameterValueList>\n",
+            getValues(contentPathList({"/vsp/RCS/ESN"})).out);
+  setStatuses({{"ESN", "third"}});
+  EXPECT_EQ("<ParameterValueList>\n" + parameterXml("/vsp/HDTV/NATIVE", "On") + parameterXml("/vsp/RCS/ESN", "third") +
+                "</ParameterValueList>\n",
+            getValues(both).out);
+  EXPECT_EQ("<ParameterValueList />\n", getValues("<ContentPathList></ContentPathList>").out);
+}
+
 TEST_F(GetValuesTest, ListWithoutContentPathGivesTheBareRoot) {
   ActionResult r = getValues("<ContentPathList><Other>/vsp/</Other></ContentPathList>", "untouched");
   EXPECT_TRUE(r.result.isSuccess());
