@@ -124,8 +124,10 @@ bool InterfaceStack::start(const StackSettings& settings) {
   }
   gssdp_client_set_server_id(GSSDP_CLIENT(mContext), settings.serverString.c_str());
   // The context's HTTP client fetches each new service's own description
-  // from this very server: it connects directly (so do GUPnP's private
-  // clients for events, see useDirectConnections).
+  // from this very server. The process's default resolver is direct already
+  // (useDirectConnections, which also covers GUPnP's private clients for
+  // events); no resolver at all here keeps GIO from even loading its proxy
+  // modules for this fetch at every start.
   soup_session_set_proxy_resolver(gupnp_context_get_session(mContext), nullptr);
   mServer = gupnp_context_get_server(mContext);
   if (mServer == nullptr) {

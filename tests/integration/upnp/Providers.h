@@ -1,13 +1,11 @@
 // Web providers for the integration tests.
 #pragma once
 
-#include <atomic>
-#include <chrono>
-#include <condition_variable>
 #include <mutex>
 #include <string>
 #include <vector>
 
+#include "HoldGate.h"
 #include "zuna_http/WebServer.h"
 
 namespace upnp_it {
@@ -58,33 +56,15 @@ class FileProvider : public zuna_http::WebServiceProvider {
 };
 
 // Holds every request until released (at most 10 s).
-class BlockingProvider : public zuna_http::WebServiceProvider {
+class BlockingProvider : public zuna_http::WebServiceProvider, public HoldGate {
  public:
   void handleRequest(zuna_http::WebSocket* socket, zuna_http::WebRequest* /*request*/) override {
-    entered = true;
-    {
-      std::unique_lock<std::mutex> lock(mMutex);
-      mReleased.wait_for(lock, std::chrono::seconds(10), [this] { return mRelease; });
-    }
+    hold(false);
     zuna_http::WebResponse response(204);
     response.addField("Connection", "close");
     socket->send(response);
     finished = true;
   }
-
-  void release() {
-    std::lock_guard<std::mutex> lock(mMutex);
-    mRelease = true;
-    mReleased.notify_all();
-  }
-
-  std::atomic<bool> entered{false};
-  std::atomic<bool> finished{false};
-
- private:
-  std::mutex mMutex;
-  std::condition_variable mReleased;
-  bool mRelease = false;
 };
 
 }  // namespace upnp_it

@@ -2,17 +2,14 @@
 // service whose one action holds until the test lets it go.
 #pragma once
 
-#include <atomic>
-#include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <string>
 
 #include "../../unit/upnp/TestServices.h"
+#include "HoldGate.h"
 
 namespace upnp_it {
 
-class HoldService : public zuna_upnp::LocalService {
+class HoldService : public zuna_upnp::LocalService, public HoldGate {
  public:
   HoldService(zuna_upnp::LocalDevice* device, zuna_upnp::RootDevice* root) : LocalService(device, root) {
     setTypeID(zuna_upnp::TypeID("Holder", "schemas-example-org", 1, zuna_upnp::TypeID::SERVICE));
@@ -23,28 +20,10 @@ class HoldService : public zuna_upnp::LocalService {
   }
 
   zuna_upnp::UPnPReturn Hold() {
-    entered = true;
-    std::unique_lock<std::mutex> lock(mMutex);
-    // Bounded, so that a failing test cannot hang the service for ever.
-    mReleased.wait_for(lock, std::chrono::seconds(10), [this] { return mRelease; });
-    mRelease = false;
+    hold(true);
     finished = true;
     return zuna_upnp::UPnPReturn();
   }
-
-  void release() {
-    std::lock_guard<std::mutex> lock(mMutex);
-    mRelease = true;
-    mReleased.notify_all();
-  }
-
-  std::atomic<bool> entered{false};
-  std::atomic<bool> finished{false};
-
- private:
-  std::mutex mMutex;
-  std::condition_variable mReleased;
-  bool mRelease = false;
 };
 
 class IntegrationDevice : public zuna_upnp::RootDevice {

@@ -3,8 +3,6 @@
 #include <tinyxml.h>
 
 #include <chrono>
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <future>
 #include <sstream>
@@ -12,21 +10,6 @@
 #include "tolvane/Logging.h"
 
 namespace cmtest {
-
-TempDir::TempDir() {
-  char pattern[] = "/tmp/cm-test-XXXXXX";
-  const char* created = mkdtemp(pattern);
-  if (created == nullptr) {
-    ADD_FAILURE() << "mkdtemp failed";
-    return;
-  }
-  mPath = created;
-}
-
-TempDir::~TempDir() {
-  std::error_code ignored;
-  std::filesystem::remove_all(mPath, ignored);
-}
 
 std::string readFile(const std::string& path) {
   std::ifstream in(path);

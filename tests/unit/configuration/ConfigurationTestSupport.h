@@ -14,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "../framework/TempDir.h"
 #include "ConfigurationManagement.h"
 #include "status/StatusManager.h"
 #include "statusstore_host/LocalStatusManager.h"
@@ -58,17 +59,7 @@ class FakePlatformSettings : public Tolvane::host::HostPlatformSettings {
   std::atomic<bool> echo{false};
 };
 
-class TempDir {
- public:
-  TempDir();
-  ~TempDir();
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
-  const std::string& path() const { return mPath; }
-
- private:
-  std::string mPath;
-};
+using framework_test::TempDir;
 
 std::string readFile(const std::string& path);
 void writeFile(const std::string& path, const std::string& text);
