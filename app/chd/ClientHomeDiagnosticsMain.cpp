@@ -4,7 +4,9 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <thread>
 
@@ -43,6 +45,27 @@ void routeTerminationToIdleThread() {
     }
   }).detach();
 }
+// An orderly stop by SIGTERM ends with status 1. The stack's and the
+// services' threads are still running when stop() returns (requests in
+// flight finish on them), so the process ends without running the
+// destructors of static objects those threads may still be using.
+[[noreturn]] void exitStopped() {
+  fflush(nullptr);  // NOLINT(cert-err33-c): nothing is left to report a failure to
+  _exit(1);
+}
+
+// A stop that hangs (a peer that never lets go, a library that blocks) must
+// not keep the box from restarting the daemon: past the deadline the process
+// ends all the same, with the same status.
+constexpr std::chrono::milliseconds kStopDeadline{1700};
+
+void armStopDeadline() {
+  std::thread([] {
+    std::this_thread::sleep_for(kStopDeadline);
+    TL_LOG(0, "Stopping took longer than %lld ms; exiting now", static_cast<long long>(kStopDeadline.count()));
+    exitStopped();
+  }).detach();
+}
 }  // namespace
 
 void handleSignal(int sig) {
@@ -61,11 +84,12 @@ void cleanup(int sig) {
   TL_TRACE();
   TL_LOG(0, "Received signal [%d] for the CHD applicaiton, stopping CHD", sig);
   gTerminating.store(true);
+  armStopDeadline();
   ClientHomeDiagnosticsControl* control = gControl.load();
   if (control != nullptr) {
     control->stop();
   }
-  exit(1);  // NOLINT(concurrency-mt-unsafe): an orderly stop by SIGTERM ends with status 1
+  exitStopped();
 }
 
 int main(int /*argc*/, char** /*argv*/) {

@@ -125,6 +125,7 @@ struct HostController::Core : ChangeSink,
   std::shared_ptr<MainLoop> loop;
 
   // GLib thread only.
+  std::weak_ptr<MainLoop> runningLoop;  // the loop this state lives on, set by init
   std::map<std::string, std::unique_ptr<InterfaceStack>> stacks;
   std::map<uint64_t, PendingAction> pending;
   uint64_t lastActionId = 0;
@@ -171,13 +172,20 @@ struct HostController::Core : ChangeSink,
     const uint64_t id = ++lastActionId;
     pending.emplace(id, PendingAction{request, stack, action});
     std::weak_ptr<Core> weak = shared_from_this();
-    std::shared_ptr<MainLoop> replyLoop = currentLoop();
+    // Shutdown may already have let go of the loop while this request was
+    // read: the answer then has nowhere to go, and the request is answered
+    // when its interface stack closes.
+    std::weak_ptr<MainLoop> replyLoop = runningLoop;
     // The handler runs on the service's own dispatcher, so a slow one holds
     // up only its service; the answer goes back to the GLib thread.
     Tolvane::SmartPtr<Tolvane::EventAgent> agent(new FunctionAgent(service, [weak, replyLoop, action, id, inputs] {
       std::vector<std::string> outputs;
       UPnPReturn result = action->invoke(inputs, outputs);
-      replyLoop->post([weak, id, result = std::move(result), outputs = std::move(outputs)] {
+      std::shared_ptr<MainLoop> loop = replyLoop.lock();
+      if (!loop) {
+        return;
+      }
+      loop->post([weak, id, result = std::move(result), outputs = std::move(outputs)] {
         if (std::shared_ptr<Core> core = weak.lock()) {
           core->completeAction(id, result, outputs);
         }
@@ -315,7 +323,10 @@ bool HostController::init(zuna::net::NetworkManager* monitor, Tolvane::StringVec
   if (monitor != nullptr) {
     monitor->addObserver(mCore.get());
   }
-  loop->invokeAndWait([this] { mCore->reconcile(); });
+  loop->invokeAndWait([this, weakLoop = std::weak_ptr<MainLoop>(loop)] {
+    mCore->runningLoop = weakLoop;
+    mCore->reconcile();
+  });
   return true;
 }
 
