@@ -1,12 +1,14 @@
 #include "BasicManagement.h"
 
 #include <algorithm>
+#include <chrono>
 #include <ctime>
 #include <new>
 
 #include "tolvane/EventThread.h"
 #include "tolvane/Logging.h"
 #include "tolvane/PlatformSettings.h"
+#include "tolvane/Process.h"
 #include "zuna_upnp/Action.h"
 #include "zuna_upnp/Controller.h"
 
@@ -53,6 +55,10 @@ const size_t kLogChunkSize = size_t{1024} * 1024;
 
 // Set while this thread runs a refresh of the listener.
 thread_local bool tInsideRefresh = false;
+// Replacing the listener waits at most this long for the requests that still use the old one:
+// the daemon's shutdown must end within two seconds whatever a request is doing.
+constexpr std::chrono::milliseconds kListenerDetachBound{1000};
+constexpr std::chrono::milliseconds kAbortRetryInterval{50};
 
 Tolvane::PlatformSettings* platform() { return Tolvane::PlatformSettings::getInstance(); }
 
@@ -172,9 +178,26 @@ void BasicManagementService::setBasicManagementListener(BasicManagementListener*
   mBasicManagementListener = listener;
   // A request that started with the old listener finishes with it first; a thread that is itself
   // inside a refresh (a signal handler, say) cannot wait for itself.
-  if (!tInsideRefresh) {
-    mListenerIdle.wait(lock, [this] { return mRefreshesRunning == 0; });
+  if (mRefreshesRunning > 0 && !tInsideRefresh) {
+    waitForRunningRefreshes(lock);
+  } else if (mRefreshesRunning > 0) {
+    Tolvane::abortRunningCommands();
   }
+}
+
+void BasicManagementService::waitForRunningRefreshes(std::unique_lock<std::mutex>& lock) {
+  // The old listener is about to be deleted, at shutdown in the daemon: a collection script that it is
+  // running could keep the caller waiting for its whole time limit, so running scripts are killed (their
+  // files are then sent as they were left), again for one that started just after.
+  const auto deadline = std::chrono::steady_clock::now() + kListenerDetachBound;
+  do {
+    Tolvane::abortRunningCommands();
+    const auto retry = std::min(deadline, std::chrono::steady_clock::now() + kAbortRetryInterval);
+    if (mListenerIdle.wait_until(lock, retry, [this] { return mRefreshesRunning == 0; })) {
+      return;
+    }
+  } while (std::chrono::steady_clock::now() < deadline);
+  TL_LOG(2, "Detached the log collection handler with [%d] refreshes still running", mRefreshesRunning);
 }
 
 zuna_upnp::UPnPReturn BasicManagementService::GetDeviceStatus(std::string& DeviceStatus) {

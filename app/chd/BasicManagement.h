@@ -25,7 +25,8 @@ class BasicManagementService : public zuna_upnp::LocalService, public IStatusUpd
   zuna_upnp::UPnPReturn GetDeviceStatus(std::string& DeviceStatus);  // NOLINT(readability-identifier-naming)
   zuna_upnp::UPnPReturn GetLogURIs(std::string& LogURIs);            // NOLINT(readability-identifier-naming)
 
-  // Null detaches. Returns only once no request still uses the previous listener, so the caller may delete it.
+  // Null detaches. Collection commands still running are killed, and the call returns once no request still
+  // uses the previous listener, so that the caller may delete it, or after a bounded wait (a second) at most.
   void setBasicManagementListener(BasicManagementListener* listener);
 
   void notifyStatusChanged(StatusMap statuses) override;
@@ -51,6 +52,7 @@ class BasicManagementService : public zuna_upnp::LocalService, public IStatusUpd
   void registerWebProviders();
   void registerWithStatusStore();
   bool isOwnServicePath(const std::string& path) const;
+  void waitForRunningRefreshes(std::unique_lock<std::mutex>& lock);
   int refreshWithListener(const std::string& path);
   int refreshBeforeSending(BasicManagementListener* listener, const std::string& path);
   int serveLogFile(const std::string& path, zuna_http::WebSocket* socket);

@@ -1,7 +1,5 @@
 #include "LogWatchHandler.h"
 
-#include <cstdlib>
-
 #include "tolvane/Logging.h"
 
 TL_REGISTER_LOGGING(true, 5);
@@ -14,7 +12,10 @@ const char* const kProcessListScript = "/etc/utils/processList.sh";
 const char* const kWifiChipLogScript = "/etc/utils/wifiChipLogGet.sh";
 }  // namespace
 
-LogWatchHandler::LogWatchHandler(ManageableDevice* device) : mDevice(device) { TL_TRACE(); }
+LogWatchHandler::LogWatchHandler(ManageableDevice* device, std::chrono::milliseconds scriptLimit)
+    : mDevice(device), mScriptLimit(scriptLimit) {
+  TL_TRACE();
+}
 
 LogWatchHandler::~LogWatchHandler() { TL_TRACE(); }
 
@@ -43,16 +44,22 @@ bool LogWatchHandler::updateWifiChipLogFile() {
   return runCollectionScript(kWifiChipLogScript);
 }
 
-int LogWatchHandler::runScript(const std::string& command) {
-  // The platform's own script, without arguments; system() is what the box provides for it.
-  return system(command.c_str());  // NOLINT(cert-env33-c,concurrency-mt-unsafe)
+Tolvane::CommandResult LogWatchHandler::runScript(const std::string& command) {
+  return Tolvane::runCommand(command, mScriptLimit);
 }
 
 bool LogWatchHandler::runCollectionScript(const std::string& script) {
-  const int status = runScript(script);
-  // A script that ran and failed (127 for a missing one included) still counts: the file is sent as it was left.
-  if (status < 0) {
-    TL_LOG(0, "Failed to run command [%s].  Sending Return Code[%d]", script.c_str(), status);
+  const Tolvane::CommandResult result = runScript(script);
+  if (result.timedOut) {
+    TL_LOG(2, "Collection script [%s] ran longer than [%lld] ms and was killed", script.c_str(),
+           static_cast<long long>(mScriptLimit.count()));
+  } else if (result.aborted) {
+    TL_LOG(2, "Collection script [%s] was killed at shutdown", script.c_str());
+  }
+  // A script that ran and failed (127 for a missing one included), overran or was killed still counts:
+  // the file is sent as it was left.
+  if (result.status < 0) {
+    TL_LOG(0, "Failed to run command [%s].  Sending Return Code[%d]", script.c_str(), result.status);
     return false;
   }
   return true;

@@ -1,15 +1,21 @@
 // Regenerates the diagnostic log files by running the platform's collection scripts.
 #pragma once
 
+#include <chrono>
 #include <string>
 
 #include "BasicManagementListener.h"
+#include "tolvane/Process.h"
 
 class ManageableDevice;
 
 class LogWatchHandler : public BasicManagementListener {
  public:
-  explicit LogWatchHandler(ManageableDevice* device);
+  // A collection script normally ends within a second; one that is still running after this long
+  // is stuck, and the control point waiting for the file gets it as the script left it instead.
+  static constexpr std::chrono::milliseconds kDefaultScriptLimit{10000};
+
+  explicit LogWatchHandler(ManageableDevice* device, std::chrono::milliseconds scriptLimit = kDefaultScriptLimit);
   ~LogWatchHandler() override;
   LogWatchHandler(const LogWatchHandler&) = delete;
   LogWatchHandler& operator=(const LogWatchHandler&) = delete;
@@ -22,12 +28,13 @@ class LogWatchHandler : public BasicManagementListener {
   bool updateWifiChipLogFile() override;
 
  protected:
-  // The status of system(command); tests replace it.
-  virtual int runScript(const std::string& command);
+  // Runs the command within the script limit (its process group killed when it overruns); tests replace it.
+  virtual Tolvane::CommandResult runScript(const std::string& command);
 
  private:
   bool runCollectionScript(const std::string& script);
 
   // Kept for the owner's sake; the handler itself never needs its device.
   [[maybe_unused]] ManageableDevice* mDevice;
+  const std::chrono::milliseconds mScriptLimit;
 };

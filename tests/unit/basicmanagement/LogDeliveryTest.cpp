@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "BasicManagementFixture.h"
+#include "LogWatchHandler.h"
 
 namespace bmtest {
 namespace {
@@ -454,6 +455,73 @@ TEST_F(LogDeliveryTest, DetachFromInsideARefreshDoesNotWaitForItself) {
   EXPECT_EQ(okHead(2) + "fd", done.get());
   const std::string path = logDir + "/fdStatus.log";
   expectNotFound(*get(path), -1, path);
+}
+
+// A request whose refresh never ends must not hold the shutdown: detaching gives up after its bound.
+TEST_F(LogDeliveryTest, DetachWaitsForARefreshAtMostItsBound) {
+  class StuckListener : public FakeListener {
+   public:
+    bool updateNetstat() override {
+      std::unique_lock<std::mutex> lock(mutex);
+      entered = true;
+      changed.notify_all();
+      changed.wait_for(lock, std::chrono::seconds(30), [this] { return released; });
+      return true;
+    }
+    std::mutex mutex;
+    std::condition_variable changed;
+    bool entered = false;
+    bool released = false;
+  } stuck;
+  service->setBasicManagementListener(&stuck);
+  writeFile(logDir + "/netstat.log", "n");
+  std::thread request([this] { get(logDir + "/netstat.log"); });
+  {
+    std::unique_lock<std::mutex> lock(stuck.mutex);
+    ASSERT_TRUE(stuck.changed.wait_for(lock, std::chrono::seconds(10), [&] { return stuck.entered; }));
+  }
+  const auto started = std::chrono::steady_clock::now();
+  service->setBasicManagementListener(nullptr);
+  const auto took = std::chrono::steady_clock::now() - started;
+  EXPECT_GE(took, std::chrono::milliseconds(900));
+  EXPECT_LT(took, std::chrono::seconds(10));
+  EXPECT_EQ(1, logs.exact(2, "Detached the log collection handler with [1] refreshes still running"));
+  {
+    std::lock_guard<std::mutex> lock(stuck.mutex);
+    stuck.released = true;
+  }
+  stuck.changed.notify_all();
+  request.join();
+}
+
+// Detaching the real handler while its script sleeps kills the script's group
+// at once; the request still gets the file as the script left it.
+TEST_F(LogDeliveryTest, DetachKillsARunningCollectionScript) {
+  const std::string marker = logDir + "/started";
+  class SleepingHandler : public LogWatchHandler {
+   public:
+    explicit SleepingHandler(std::string command) : LogWatchHandler(nullptr), mCommand(std::move(command)) {}
+
+   protected:
+    Tolvane::CommandResult runScript(const std::string& /*command*/) override {
+      return LogWatchHandler::runScript(mCommand);
+    }
+
+   private:
+    std::string mCommand;
+  } sleeping("printf left > '" + logDir + "/procEntriesStatus.log'; : > '" + marker + "'; sleep 30");
+  service->setBasicManagementListener(&sleeping);
+  auto answer = std::async(std::launch::async, [this] { return get(logDir + "/procEntriesStatus.log")->bytes; });
+  for (int i = 0; i < 1000 && access(marker.c_str(), F_OK) != 0; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  ASSERT_EQ(0, access(marker.c_str(), F_OK)) << "the script never started";
+  // The wait's bound is logged when it is reached; killing the script must make that unnecessary.
+  service->setBasicManagementListener(nullptr);
+  ASSERT_EQ(std::future_status::ready, answer.wait_for(std::chrono::seconds(10)));
+  EXPECT_EQ(okHead(4) + "left", answer.get());
+  EXPECT_EQ(1, logs.exact(2, "Collection script [/etc/utils/procEntriesStatus.sh] was killed at shutdown"));
+  EXPECT_EQ(0, logs.countAnyLevel("refreshes still running"));
 }
 
 }  // namespace
