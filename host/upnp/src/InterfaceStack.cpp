@@ -42,10 +42,6 @@ void onQueryVariable(GUPnPService* /*service*/, const char* variable, GValue* va
   g_value_set_string(value, vars.getValue(variable).c_str());
 }
 
-void onRequestFinished(SoupServer* /*server*/, SoupServerMessage* msg, gpointer data) {
-  static_cast<InterfaceStack*>(data)->subscriptionRequestFinished(msg);
-}
-
 struct Document {
   std::string text;
   std::string server;
@@ -65,14 +61,6 @@ void serveDocumentRequest(SoupServer* /*server*/, SoupServerMessage* msg, const 
   soup_server_message_set_response(msg, "text/xml; charset=\"utf-8\"", SOUP_MEMORY_COPY, document->text.data(),
                                    document->text.size());
   soup_server_message_set_status(msg, SOUP_STATUS_OK, nullptr);
-}
-
-// "Second-1800" -> 1800; "infinite" lasts as long as the stack.
-gint64 subscriptionSeconds(const char* timeout) {
-  if (timeout != nullptr && g_str_has_prefix(timeout, "Second-")) {
-    return g_ascii_strtoll(timeout + 7, nullptr, 10);
-  }
-  return G_MAXINT32;
 }
 
 std::string uriPath(const char* uri) {
@@ -96,7 +84,7 @@ InterfaceStack::~InterfaceStack() {
     unpublish(published);
   }
   if (mServer != nullptr) {
-    g_signal_handlers_disconnect_by_data(mServer, this);
+    mSubscriptions.reset();
     for (const auto& route : mRoutes) {
       zuna_http::host::removeProviderRoute(mServer, route.first);
     }
@@ -144,7 +132,7 @@ bool InterfaceStack::start(const StackSettings& settings) {
   }
   zuna_http::host::answerEscapingPathsWithNotFoundAndCloseConnections(mServer);
   zuna_http::host::skipUserAgentGuesses(mServer);
-  g_signal_connect(mServer, "request-finished", G_CALLBACK(onRequestFinished), this);
+  mSubscriptions = std::make_unique<SubscriptionPolicy>(mServer, mAddress, port);
   TL_LOG(5, "UPnP stack on [%s] [%s] port [%u]", mName.c_str(), mAddress.c_str(), port);
   return true;
 }
@@ -214,6 +202,7 @@ bool InterfaceStack::bindServices(Published& published) {
     }
     published.endpoints.push_back(Endpoint{match, GUPNP_SERVICE(info)});
     bindActions(published.endpoints.back());
+    mSubscriptions->watch(match, match->getEventURL());
   }
   g_list_free(infos);
   return true;
@@ -236,7 +225,7 @@ void InterfaceStack::unpublish(Published& published) {
                                          reinterpret_cast<gpointer>(onActionInvoked), nullptr);
     g_signal_handlers_disconnect_matched(endpoint.gupnpService, G_SIGNAL_MATCH_FUNC, 0, 0, nullptr,
                                          reinterpret_cast<gpointer>(onQueryVariable), nullptr);
-    endpoint.service->getBinding()->dropSubscriptionsOf(this);
+    mSubscriptions->forget(endpoint.service);
     g_object_unref(endpoint.gupnpService);
   }
   published.endpoints.clear();
@@ -319,44 +308,6 @@ std::string InterfaceStack::location(RootDevice* device) const {
     }
   }
   return std::string();
-}
-
-LocalService* InterfaceStack::serviceByEventPath(const std::string& path) const {
-  for (const Published& published : mPublished) {
-    for (const Endpoint& endpoint : published.endpoints) {
-      if (endpoint.service->getEventURL() == path) {
-        return endpoint.service;
-      }
-    }
-  }
-  return nullptr;
-}
-
-void InterfaceStack::subscriptionRequestFinished(SoupServerMessage* msg) {
-  // GUPnP keeps its subscriptions to itself; the answers it gives to
-  // SUBSCRIBE and UNSUBSCRIBE tell who holds one and for how long.
-  const char* method = soup_server_message_get_method(msg);
-  const bool subscribe = g_strcmp0(method, "SUBSCRIBE") == 0;
-  if ((!subscribe && g_strcmp0(method, "UNSUBSCRIBE") != 0) || soup_server_message_get_status(msg) != SOUP_STATUS_OK) {
-    return;
-  }
-  LocalService* service = serviceByEventPath(g_uri_get_path(soup_server_message_get_uri(msg)));
-  if (service == nullptr) {
-    return;
-  }
-  if (subscribe) {
-    SoupMessageHeaders* headers = soup_server_message_get_response_headers(msg);
-    const char* sid = soup_message_headers_get_one(headers, "SID");
-    if (sid != nullptr) {
-      service->getBinding()->subscribed(sid, subscriptionSeconds(soup_message_headers_get_one(headers, "Timeout")),
-                                        this);
-    }
-  } else {
-    const char* sid = soup_message_headers_get_one(soup_server_message_get_request_headers(msg), "SID");
-    if (sid != nullptr) {
-      service->getBinding()->unsubscribed(sid);
-    }
-  }
 }
 
 }  // namespace zuna_upnp

@@ -12,6 +12,7 @@
 
 #include "ServiceBinding.h"
 #include "SoupAcceptor.h"
+#include "SubscriptionPolicy.h"
 #include "zuna_http/WebServer.h"
 #include "zuna_upnp/LocalDevice.h"
 
@@ -60,9 +61,6 @@ class InterfaceStack {
   const std::string& address() const { return mAddress; }
   ActionSink& sink() { return mSink; }
 
-  // Called by the HTTP server once a GENA request has been answered.
-  void subscriptionRequestFinished(SoupServerMessage* msg);
-
  private:
   struct Endpoint {
     LocalService* service;
@@ -79,7 +77,6 @@ class InterfaceStack {
   bool bindServices(Published& published);
   void bindActions(const Endpoint& endpoint);
   void unpublish(Published& published);
-  LocalService* serviceByEventPath(const std::string& path) const;
 
   ActionSink& mSink;
   std::string mName;
@@ -88,6 +85,7 @@ class InterfaceStack {
   GUPnPContext* mContext = nullptr;
   SoupServer* mServer = nullptr;
   std::vector<std::unique_ptr<zuna_http::host::SoupAcceptor>> mAcceptors;
+  std::unique_ptr<SubscriptionPolicy> mSubscriptions;
   std::vector<Published> mPublished;
   std::map<std::string, zuna_http::WebServiceProvider*> mRoutes;  // path -> provider
 };
