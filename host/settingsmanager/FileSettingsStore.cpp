@@ -2,9 +2,14 @@
 
 #include <fcntl.h>
 #include <glib.h>
+#include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <system_error>
 
 #include "tolvane/Logging.h"
 
@@ -43,6 +48,78 @@ std::string takeMessage(GError** error, int errnoValue) {
   return message;
 }
 
+// A save writes the whole file under a hidden name beside it and renames that over the settings
+// file. The writer holds an exclusive lock on the temporary file until the rename, so a lock that
+// can be taken marks a file left behind by a writer that was killed.
+std::string temporaryPrefix(const std::string& path) {
+  gchar* name = g_path_get_basename(path.c_str());
+  std::string prefix = std::string(".") + name + ".saving-";
+  g_free(name);
+  return prefix;
+}
+
+bool writeAll(int fd, const gchar* data, gsize length) {
+  while (length > 0) {
+    const ssize_t written = ::write(fd, data, length);
+    if (written < 0 && errno == EINTR) {
+      continue;
+    }
+    if (written <= 0) {
+      return false;
+    }
+    data += written;
+    length -= static_cast<gsize>(written);
+  }
+  return true;
+}
+
+// Writes, flushes and renames one temporary file over path; errno tells why it failed.
+bool replaceThroughTemporary(const std::string& path, const gchar* data, gsize length) {
+  std::string name = directoryOf(path) + "/" + temporaryPrefix(path) + "XXXXXX";
+  const int fd = mkostemp(name.data(), O_CLOEXEC);
+  if (fd < 0) {
+    return false;
+  }
+  const bool written = ::flock(fd, LOCK_EX) == 0 && ::fchmod(fd, kFileMode) == 0 && writeAll(fd, data, length) &&
+                       ::fsync(fd) == 0 && ::rename(name.c_str(), path.c_str()) == 0;
+  const int writeErrno = errno;
+  if (!written) {
+    ::unlink(name.c_str());
+  }
+  ::close(fd);
+  errno = writeErrno;
+  return written;
+}
+
+// Removes the temporary file when no live writer holds it; true when it was removed.
+bool removeIfAbandoned(const std::string& file) {
+  const int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+  if (fd < 0) {
+    return false;
+  }
+  struct stat opened {};
+  struct stat named {};
+  // The name must still lead to the locked file: a writer that lost its file in the meantime writes anew.
+  const bool abandoned = ::flock(fd, LOCK_EX | LOCK_NB) == 0 && ::fstat(fd, &opened) == 0 &&
+                         ::lstat(file.c_str(), &named) == 0 && opened.st_ino == named.st_ino &&
+                         opened.st_dev == named.st_dev && ::unlink(file.c_str()) == 0;
+  ::close(fd);
+  return abandoned;
+}
+
+int removeAbandonedTemporaries(const std::string& path) {
+  const std::string prefix = temporaryPrefix(path);
+  std::error_code error;
+  int removed = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(directoryOf(path), error)) {
+    const std::string name = entry.path().filename().string();
+    if (name.compare(0, prefix.size(), prefix) == 0 && removeIfAbandoned(entry.path().string())) {
+      ++removed;
+    }
+  }
+  return removed;
+}
+
 }  // namespace
 
 FileSettingsStore& FileSettingsStore::instance() {
@@ -58,6 +135,11 @@ void FileSettingsStore::useFile(const std::string& path) {
   }
   mPath = path;
   mHasFile = true;
+  // Saves that a kill interrupted left their temporary files; the settings file itself is whole.
+  const int removed = removeAbandonedTemporaries(mPath);
+  if (removed > 0) {
+    TL_LOG(2, "Removed [%d] temporary files of interrupted saves of [%s]", removed, mPath.c_str());
+  }
   load();
 }
 
@@ -103,22 +185,19 @@ bool FileSettingsStore::save() {
   g_key_file_free(file);
 
   const std::string directory = directoryOf(mPath);
-  GError* error = nullptr;
   bool saved = g_mkdir_with_parents(directory.c_str(), kDirectoryMode) == 0;
+  // A starting manager may take a temporary file for abandoned in the instant before its writer locked it;
+  // the writer then finds it gone at the rename and writes another.
+  saved = saved && (replaceThroughTemporary(mPath, data, length) ||
+                    (errno == ENOENT && replaceThroughTemporary(mPath, data, length)));
   int savedErrno = errno;
-  // Written to a temporary file in the same directory, flushed, and renamed
-  // over the old file.
-  saved = saved && g_file_set_contents_full(
-                       mPath.c_str(), data, static_cast<gssize>(length),
-                       static_cast<GFileSetContentsFlags>(G_FILE_SET_CONTENTS_CONSISTENT | G_FILE_SET_CONTENTS_DURABLE),
-                       kFileMode, &error);
   g_free(data);
   if (saved && !syncDirectory(directory)) {
     saved = false;
     savedErrno = errno;
   }
   if (!saved) {
-    TL_LOG(0, "Cannot save settings file [%s]: [%s]", mPath.c_str(), takeMessage(&error, savedErrno).c_str());
+    TL_LOG(0, "Cannot save settings file [%s]: [%s]", mPath.c_str(), g_strerror(savedErrno));
     return false;
   }
   TL_LOG(6, "Saved [%zu] file settings to [%s]", mValues.size(), mPath.c_str());

@@ -15,12 +15,15 @@ class FileSettingsStore {
   static FileSettingsStore& instance();
 
   // Makes path the settings file, reading it when it differs from the file in
-  // use (a missing file means no settings). The values in memory are replaced.
+  // use (a missing file means no settings). The values in memory are replaced,
+  // and temporary files that killed saves left beside it are removed.
   void useFile(const std::string& path);
 
   void store(const std::string& key, const std::string& value);
   // Replaces the settings file with every stored setting, atomically: a reader
   // (or a crash) sees either the old file or the new one, never a mixture.
+  // The new content goes to a hidden temporary file beside it, locked by this
+  // process until it is renamed over the settings file.
   bool save();
   std::string get(const std::string& key);
   std::vector<std::string> keys();

@@ -1,10 +1,20 @@
+#include <fcntl.h>
 #include <glib.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <spawn.h>
+#include <sys/file.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <memory>
+#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -206,6 +216,138 @@ TEST_F(SettingsManagerTest, ConcurrentStoresAreAllKept) {
   }
   EXPECT_EQ(manager->getFileSettingKeys().size(), 400u);
   EXPECT_EQ(readSettingsFile(mSettingsPath).size(), 400u);
+}
+
+TEST_F(SettingsManagerTest, StartRemovesOnlyAbandonedTemporaryFiles) {
+  const std::string directory = mDir.path() + "/lib/chd";
+  std::filesystem::create_directories(directory);
+  mDir.write("lib/chd/settings.conf", "[settings]\nA=A.On\n");
+  const std::string abandoned = mDir.write("lib/chd/.settings.conf.saving-abc123", "[settings]\nA=A.Torn");
+  const std::string live = mDir.write("lib/chd/.settings.conf.saving-def456", "[settings]\nA=A.Off\n");
+  mDir.write("lib/chd/settings.conf.backup", "kept");
+  mDir.write("lib/chd/.other.conf.saving-abc123", "kept");
+  // A save in progress in another process holds its file locked.
+  const int fd = ::open(live.c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(fd, 0);
+  ASSERT_EQ(0, ::flock(fd, LOCK_EX));
+  pid_t holder = fork();
+  if (holder == 0) {
+    ::pause();
+    _exit(0);
+  }
+  ::close(fd);  // the child's copy keeps the lock
+  useSettingsFile(mDir.path() + "/elsewhere.conf");
+  fetch();
+  useSettingsFile(directory + "/settings.conf");
+  EXPECT_EQ(fetch()->getFileSetting("A"), "A.On");
+  EXPECT_FALSE(std::filesystem::exists(abandoned));
+  EXPECT_TRUE(std::filesystem::exists(live));
+  EXPECT_TRUE(std::filesystem::exists(directory + "/settings.conf.backup"));
+  EXPECT_TRUE(std::filesystem::exists(directory + "/.other.conf.saving-abc123"));
+  ::kill(holder, SIGKILL);
+  ::waitpid(holder, nullptr, 0);
+  useSettingsFile(mDir.path() + "/elsewhere.conf");
+  fetch();
+  useSettingsFile(directory + "/settings.conf");
+  fetch();
+  EXPECT_FALSE(std::filesystem::exists(live));
+}
+
+// Run as a child process by the next test: saves one version after another until it is killed.
+TEST(SettingsSaverChild, SavesUntilKilled) {
+  const char* conf = std::getenv("CHD_SETTINGS_SAVER_CONF");
+  if (conf == nullptr) {
+    GTEST_SKIP()
+        << "only run as the child of SettingsManagerTest.KilledSavesNeverTearTheFileAndLeaveNothingAfterTheNextStart";
+  }
+  ASSERT_EQ(TLCOM::getComponentManager()->loadLibrary("libzunalui_settingsmanager.so"), 0);
+  HostPlatformSettings settings(conf);
+  Tolvane::host::setPlatformSettingsForTest(&settings);
+  SmartPtr<ISettingsManager> manager;
+  TLCOM::GetServiceHelper("SettingsManagerProxy", "localui::ISettingsManager", manager);
+  ASSERT_FALSE(manager.isNull());
+  const std::string padding(64 * 1024, 'p');  // long enough that a kill often lands inside a save
+  const int first = std::atoi(std::getenv("CHD_SETTINGS_SAVER_FIRST"));
+  for (int version = first; version < first + 100000; ++version) {
+    manager->storeFileSetting("Padding", padding + std::to_string(version));
+    manager->storeFileSetting("Version", std::to_string(version));
+    manager->saveFileSettings();
+  }
+}
+
+// The version in the settings file, or -1 before there is one.
+int savedVersion(const std::string& path) {
+  GKeyFile* file = g_key_file_new();
+  int version = -1;
+  if (g_key_file_load_from_file(file, path.c_str(), G_KEY_FILE_NONE, nullptr)) {
+    gchar* value = g_key_file_get_string(file, "settings", "Version", nullptr);
+    version = value != nullptr ? std::atoi(value) : -1;
+    g_free(value);
+  }
+  g_key_file_free(file);
+  return version;
+}
+
+int countTemporaries(const std::string& directory) {
+  int count = 0;
+  for (const std::string& name : entriesOf(directory)) {
+    count += name != "settings.conf" ? 1 : 0;
+  }
+  return count;
+}
+
+TEST_F(SettingsManagerTest, KilledSavesNeverTearTheFileAndLeaveNothingAfterTheNextStart) {
+  const std::string conf = mDir.path() + "/platform0.conf";
+  const std::string directory = mDir.path() + "/lib/chd";
+  const std::string filter = "--gtest_filter=SettingsSaverChild.SavesUntilKilled";
+  std::mt19937 random(12345);
+  const int kKills = 100;
+  int lastFirst = 0;
+  for (int kill = 0; kill < kKills; ++kill) {
+    // Each child saves versions of its own, so every version that reaches the file is known.
+    lastFirst = kill * 1000000;
+    const std::string confVar = "CHD_SETTINGS_SAVER_CONF=" + conf;
+    const std::string firstVar = "CHD_SETTINGS_SAVER_FIRST=" + std::to_string(lastFirst);
+    char* const argv[] = {const_cast<char*>("/proc/self/exe"), const_cast<char*>(filter.c_str()), nullptr};
+    char* const envp[] = {const_cast<char*>(confVar.c_str()), const_cast<char*>(firstVar.c_str()), nullptr};
+    pid_t child = 0;
+    posix_spawn_file_actions_t quiet;
+    posix_spawn_file_actions_init(&quiet);
+    posix_spawn_file_actions_addopen(&quiet, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_addopen(&quiet, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+    const int spawned = posix_spawn(&child, "/proc/self/exe", &quiet, nullptr, argv, envp);
+    posix_spawn_file_actions_destroy(&quiet);
+    ASSERT_EQ(0, spawned);
+    // Killed once it has saved at least once, at a random moment of its loop.
+    for (int wait = 0; wait < 1000 && savedVersion(mSettingsPath) / 1000000 != kill; ++wait) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    std::this_thread::sleep_for(std::chrono::microseconds(std::uniform_int_distribution<int>(0, 20000)(random)));
+    ::kill(child, SIGKILL);
+    int status = 0;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    ASSERT_TRUE(WIFSIGNALED(status)) << "the saver ended before it was killed";
+
+    const std::map<std::string, std::string> saved = readSettingsFile(mSettingsPath);
+    ASSERT_EQ(saved.size(), 2u) << "after kill " << kill;
+    const int version = std::stoi(saved.at("Version"));
+    EXPECT_EQ(saved.at("Padding"), std::string(64 * 1024, 'p') + saved.at("Version"));
+    EXPECT_LE(version / 1000000, kill) << "a version no child saved";
+  }
+  const int leftBehind = countTemporaries(directory);
+  std::printf("temporary files after %d kills during saves: %d\n", kKills, leftBehind);
+  // Each child started a settings manager on the file, which removed what the previous kill left.
+  EXPECT_LE(leftBehind, 1);
+
+  // The next start of a settings manager on that file.
+  const std::map<std::string, std::string> before = readSettingsFile(mSettingsPath);
+  useSettingsFile(mDir.path() + "/elsewhere.conf");
+  fetch();
+  useSettingsFile(directory + "/settings.conf");
+  SmartPtr<ISettingsManager> manager = fetch();
+  EXPECT_EQ(countTemporaries(directory), 0);
+  EXPECT_EQ(manager->getFileSetting("Version"), before.at("Version"));
+  EXPECT_EQ(readSettingsFile(mSettingsPath), before);
 }
 
 }  // namespace
