@@ -139,12 +139,6 @@ std::string localTimeNow() {
 
 }  // namespace
 
-struct ConfigurationManagementService::AnswerCache {
-  std::vector<std::string> paths;
-  TiXmlDocument document;
-  std::vector<TiXmlText*> values;  // the Value texts, one per path, owned by document
-};
-
 ConfigurationManagementService::ConfigurationManagementService(zuna_upnp::LocalDevice* device,
                                                                zuna_upnp::RootDevice* root)
     : zuna_upnp::LocalService(device, root),
@@ -556,32 +550,19 @@ UPnPReturn ConfigurationManagementService::GetValues(std::string contentPathList
     }
   }
 
-  const std::lock_guard<std::mutex> cacheGuard(mAnswerCacheLock);
-  AnswerCache& answer = answerFor(paths);
-  for (size_t i = 0; i < paths.size(); ++i) {
-    answer.values[i]->SetValue(readValue(paths[i]));
-  }
-  parameterValueList = printDocument(answer.document);
-  return success();
-}
-
-ConfigurationManagementService::AnswerCache& ConfigurationManagementService::answerFor(
-    const std::vector<std::string>& paths) {
-  if (mAnswerCache && mAnswerCache->paths == paths) {
-    return *mAnswerCache;
-  }
-  auto cache = std::make_unique<AnswerCache>();
-  cache->paths = paths;
+  // Built afresh for every request and gone with it: an answer can be large
+  // (paths may repeat), and nothing of it is worth keeping on a small box.
+  TiXmlDocument answer;
   TiXmlElement* root = new TiXmlElement(PARAMETER_VALUE_LIST);
-  cache->document.LinkEndChild(root);
+  answer.LinkEndChild(root);
   for (const std::string& path : paths) {
     TiXmlElement* parameter = new TiXmlElement(PARAMETER);
     root->LinkEndChild(parameter);
     addTextElement(parameter, PARAMETER_PATH, path);
-    cache->values.push_back(addTextElement(parameter, VALUE, std::string())->FirstChild()->ToText());
+    addTextElement(parameter, VALUE, readValue(path));
   }
-  mAnswerCache = std::move(cache);
-  return *mAnswerCache;
+  parameterValueList = printDocument(answer);
+  return success();
 }
 
 std::string ConfigurationManagementService::readValue(const std::string& path) {

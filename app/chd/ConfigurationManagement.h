@@ -139,11 +139,4 @@ class ConfigurationManagementService : public zuna_upnp::LocalService, public IS
   bool mInStandby;
   // Set once the service no longer listens to the store nor runs agents.
   std::atomic<bool> mDetached;
-  // The last GetValues answer, kept for the next request for the same paths
-  // (a control point polling the whole tree): only its values are replaced,
-  // instead of building and freeing some 450 nodes per request.
-  struct AnswerCache;
-  AnswerCache& answerFor(const std::vector<std::string>& paths);
-  std::mutex mAnswerCacheLock;
-  std::unique_ptr<AnswerCache> mAnswerCache;
 };

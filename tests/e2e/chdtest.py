@@ -18,6 +18,7 @@ Typical use:
 
 import os
 import re
+import resource
 import shutil
 import signal
 import subprocess
@@ -76,7 +77,7 @@ class ChdEnv:
     """A private bus, optionally the host client application, and chd."""
 
     def __init__(self, platform=None, settings=None, client_app=True, client_app_args=None, start=True,
-                 log_level=6, extra_env=None):
+                 log_level=6, extra_env=None, nofile=None):
         self.tmp = tempfile.mkdtemp(prefix="chd-e2e-")
         self.log_path = os.path.join(self.tmp, "log")
         self.settings_file = os.path.join(self.tmp, "settings.conf")
@@ -89,6 +90,7 @@ class ChdEnv:
         self.client_app_args = client_app_args or []
         self.log_level = log_level
         self.extra_env = extra_env or {}
+        self.nofile = nofile  # chd's descriptor limit, when the test sets one
         self.bus = None
         self.chd = None
         self.client = None
@@ -160,10 +162,15 @@ class ChdEnv:
 
     def start_chd(self, wait=True):
         with open(self.chd_log_file, "ab") as log:
-            self.chd = subprocess.Popen([binary("chd")], env=self.env(), stdout=subprocess.DEVNULL, stderr=log)
+            self.chd = subprocess.Popen([binary("chd")], env=self.env(), stdout=subprocess.DEVNULL, stderr=log,
+                                        preexec_fn=self._limit_descriptors)
         if wait:
             self.wait_log("Starting CHD Control", timeout=10)
             self.wait_for_name_owner(STORE_NAME, present=True, timeout=10)
+
+    def _limit_descriptors(self):
+        if self.nofile is not None:
+            resource.setrlimit(resource.RLIMIT_NOFILE, (self.nofile, self.nofile))
 
     def stop_chd(self, sig=signal.SIGTERM, timeout=10):
         if self.chd is None:

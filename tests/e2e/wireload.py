@@ -205,19 +205,18 @@ def cpu_seconds(pid):
 
 
 def open_idle(port, count, deadline_s=30):
-    """Opens up to `count` TCP connections that send nothing; returns the sockets."""
+    """Opens up to `count` TCP connections that send nothing (a connection the
+    listener's queue had no room for is tried again); returns the sockets."""
     sockets = []
     end = time.monotonic() + deadline_s
-    for _ in range(count):
-        if time.monotonic() > end:
-            break
+    while len(sockets) < count and time.monotonic() < end:
         sock = socket.socket()
         sock.settimeout(2)
         try:
             sock.connect(("127.0.0.1", port))
         except OSError:
             sock.close()
-            break
+            continue
         sockets.append(sock)
     return sockets
 

@@ -4,6 +4,10 @@
 // accepts (about 350 bytes per connection; fixed in libsoup 3.4). The
 // stack's servers therefore take their connections from here and hand them
 // over with soup_server_accept_iostream(), which frees everything.
+//
+// Each connection is admitted against ConnectionLimits first; when there is
+// no room, or no descriptor, accepting pauses instead of spinning on a
+// listening socket that stays readable.
 #pragma once
 
 #include <libsoup/soup.h>
@@ -29,11 +33,18 @@ class SoupAcceptor {
  private:
   SoupAcceptor(SoupServer* server, GSocket* listening);
   static gboolean onIncoming(GSocket* listening, GIOCondition condition, gpointer data);
+  static gboolean onPauseOver(gpointer data);
   void acceptPending();
+  bool acceptOne();
+  void listen();
+  void pause();
+  void pauseUntilRoom();
+  void pauseForDescriptors();
 
   SoupServer* mServer;
   GSocket* mListening;
-  GSource* mSource;
+  GSource* mSource = nullptr;
+  GSource* mPauseTimer = nullptr;
 };
 
 }  // namespace zuna_http::host
