@@ -61,8 +61,8 @@ std::string nativeAddress(GSocketAddress* address) {
 // blocks in mappings of their own, returned when freed.
 void keepLargeBlocksOutOfTheHeap() {
 #if defined(__GLIBC__)
-  mallopt(M_MMAP_THRESHOLD,
-          static_cast<int>(kMmapThresholdBytes));  // NOLINT(concurrency-mt-unsafe): takes the allocator lock
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): mallopt takes the allocator's lock
+  mallopt(M_MMAP_THRESHOLD, static_cast<int>(kMmapThresholdBytes));
 #endif
 }
 
