@@ -16,6 +16,9 @@ constexpr char kErrorEvent[] = "Settings Refresh Error Event";
 constexpr char kEnterStandbyEvent[] = "Enter Standby Event";
 constexpr char kExitStandbyEvent[] = "Exit Standby Event";
 constexpr char kInStandbyKey[] = "In Standby";
+constexpr char kWriteBlobEvent[] = "Write CHD Blob Event";
+constexpr char kBlobUpdatedEvent[] = "CHD Blob Updated Event";
+constexpr char kBlobUrisKey[] = "CHD Blob Uris";
 constexpr char kSettingsGroup[] = "settings";
 constexpr int kCallTimeoutMs = 5000;
 
@@ -32,7 +35,9 @@ void say(const char* format, ...) {
 }
 
 ClientApp::ClientApp(GDBusConnection* connection, ClientAppOptions options)
-    : mConnection(G_DBUS_CONNECTION(g_object_ref(connection))), mOptions(std::move(options)) {}
+    : mConnection(G_DBUS_CONNECTION(g_object_ref(connection))),
+      mOptions(std::move(options)),
+      mBlobDelivery(mOptions.blobDirectory) {}
 
 ClientApp::~ClientApp() {
   for (guint answer : mPendingAnswers) {
@@ -69,8 +74,10 @@ bool ClientApp::start() {
   return true;
 }
 
-void ClientApp::handleEvent(const std::string& name) {
-  if (name == kApplyEvent) {
+void ClientApp::handleEvent(const std::string& name, const std::string& value) {
+  if (name == kWriteBlobEvent) {
+    deliverBlob(value);
+  } else if (name == kApplyEvent) {
     answerSettingsRefresh();
   } else if (name == kEnterStandbyEvent) {
     setStandby(true);
@@ -100,6 +107,25 @@ void ClientApp::completeSettingsRefresh() {
   }
   say("Settings refresh completed");
   callStore("PostEvent", g_variant_new("(ssi)", kCompletedEvent, "", 0));
+}
+
+// The status names the file before the event announces it, and both calls go
+// out in order on one connection, so the daemon lists the new blob in LogURIs
+// before it pulses ChdBlobUpdated.
+void ClientApp::deliverBlob(const std::string& blob) {
+  if (!mBlobDelivery.enabled()) {
+    say("Diagnostics blob of %zu bytes not delivered: no log directory", blob.size());
+    return;
+  }
+  std::string uri;
+  std::string error;
+  if (!mBlobDelivery.deliver(blob, uri, error)) {
+    say("Diagnostics blob of %zu bytes not delivered: %s", blob.size(), error.c_str());
+    return;
+  }
+  say("Delivered diagnostics blob of %zu bytes as [%s]", blob.size(), uri.c_str());
+  callStore("SetStatus", g_variant_new("(ss)", kBlobUrisKey, uri.c_str()));
+  callStore("PostEvent", g_variant_new("(ssi)", kBlobUpdatedEvent, "", 0));
 }
 
 void ClientApp::setStandby(bool inStandby) {
@@ -175,7 +201,7 @@ void ClientApp::onEventPosted(GDBusConnection* /*connection*/, const gchar* /*se
   const gchar* name = nullptr;
   const gchar* value = nullptr;
   g_variant_get(parameters, "(&s&s)", &name, &value);
-  static_cast<ClientApp*>(self)->handleEvent(name);
+  static_cast<ClientApp*>(self)->handleEvent(name, value);
 }
 
 void ClientApp::onStoreAppeared(GDBusConnection* /*connection*/, const gchar* name, const gchar* owner, gpointer self) {

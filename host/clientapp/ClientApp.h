@@ -1,6 +1,7 @@
 // Plays the box's client application against the status store on D-Bus:
 // publishes the setting statuses, answers settings refreshes and standby
-// requests. Runs on the thread-default main context of the thread that
+// requests, and delivers the diagnostics blobs as the box's delivery
+// component does. Runs on the thread-default main context of the thread that
 // created it.
 #pragma once
 
@@ -9,6 +10,8 @@
 #include <map>
 #include <string>
 #include <vector>
+
+#include "BlobDelivery.h"
 
 namespace clientapp {
 
@@ -22,6 +25,9 @@ struct ClientAppOptions {
   bool silent = false;
   // GKeyFile whose [settings] group holds the setting statuses; empty for none.
   std::string settingsFile;
+  // Directory the diagnostics blobs are written to (the log path); empty for
+  // no delivery.
+  std::string blobDirectory;
 };
 
 class ClientApp {
@@ -36,7 +42,8 @@ class ClientApp {
   bool start();
 
  private:
-  void handleEvent(const std::string& name);
+  void handleEvent(const std::string& name, const std::string& value);
+  void deliverBlob(const std::string& blob);
   void answerSettingsRefresh();
   void completeSettingsRefresh();
   void setStandby(bool inStandby);
@@ -53,6 +60,7 @@ class ClientApp {
 
   GDBusConnection* mConnection;
   ClientAppOptions mOptions;
+  BlobDelivery mBlobDelivery;
   guint mSubscription = 0;
   guint mNameWatch = 0;
   // Delayed answers still to be sent, by source id.

@@ -25,6 +25,7 @@ struct RawOptions {
   gchar* bus = nullptr;
   gchar* error = nullptr;
   gchar* settings = nullptr;
+  gchar* blobDirectory = nullptr;
   gint delayMs = 0;
   gboolean silent = FALSE;
 };
@@ -38,6 +39,8 @@ GOptionContext* newOptionContext(RawOptions& raw) {
       {"silent", 's', 0, G_OPTION_ARG_NONE, &raw.silent, "Never answer a settings refresh", nullptr},
       {"settings", 0, 0, G_OPTION_ARG_FILENAME, &raw.settings,
        "Settings file to publish (default: [settings] file of the platform settings)", "FILE"},
+      {"blob-dir", 0, 0, G_OPTION_ARG_FILENAME, &raw.blobDirectory,
+       "Directory for the diagnostics blobs (default: log_path of the platform settings)", "DIR"},
       {nullptr, 0, 0, G_OPTION_ARG_NONE, nullptr, nullptr, nullptr}};
   GOptionContext* context = g_option_context_new("- the client application of a host box, over the status store");
   g_option_context_add_main_entries(context, entries, nullptr);
@@ -53,6 +56,8 @@ std::string configuredSettingsFile() {
   return settings != nullptr ? settings->getSettingsFile() : std::string();
 }
 
+std::string configuredLogPath() { return Tolvane::PlatformSettings::getInstance()->getLogPath(); }
+
 void takeOptions(const RawOptions& raw, CommandLine& commandLine) {
   commandLine.bus = raw.bus != nullptr ? raw.bus : statusstore::configuredBus();
   commandLine.options.reportError = raw.error != nullptr;
@@ -60,6 +65,7 @@ void takeOptions(const RawOptions& raw, CommandLine& commandLine) {
   commandLine.options.delayMs = static_cast<unsigned>(raw.delayMs);
   commandLine.options.silent = raw.silent != FALSE;
   commandLine.options.settingsFile = raw.settings != nullptr ? raw.settings : configuredSettingsFile();
+  commandLine.options.blobDirectory = raw.blobDirectory != nullptr ? raw.blobDirectory : configuredLogPath();
 }
 
 bool parseCommandLine(int argc, char** argv, CommandLine& commandLine) {
@@ -84,6 +90,7 @@ bool parseCommandLine(int argc, char** argv, CommandLine& commandLine) {
   g_free(raw.bus);
   g_free(raw.error);
   g_free(raw.settings);
+  g_free(raw.blobDirectory);
   g_option_context_free(context);
   return problem.empty();
 }
