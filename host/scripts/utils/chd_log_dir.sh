@@ -31,10 +31,15 @@ chd_log_dir() {
 # temporary file in the log directory, then renames it to NAME there. Readers
 # (and runs of the same script at the same time) only ever see a whole file.
 # COMMAND runs in a subshell, so its variables cannot disturb these.
+#
+# The daemon kills a run that overruns its time limit (seconds), and that run
+# leaves its temporary file behind; one older than a minute belongs to no
+# live run, and the next run of the same script removes it.
 chd_publish() {
   chd_name=$1
   shift
   chd_dir=$(chd_log_dir) || return 1
+  find "$chd_dir" -maxdepth 1 -type f -name ".$chd_name.??????" -mmin +1 -exec rm -f {} + 2>/dev/null
   chd_tmp=$(mktemp "$chd_dir/.$chd_name.XXXXXX") || return 1
   if ("$@") >"$chd_tmp" && chmod 0644 "$chd_tmp" && mv -f "$chd_tmp" "$chd_dir/$chd_name"; then
     return 0

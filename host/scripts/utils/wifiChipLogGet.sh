@@ -42,6 +42,8 @@ collect_wifi_state() {
 }
 
 wifi_archive() {
+  # Staging directories of runs killed at the daemon's time limit (a live run's is seconds old).
+  find "${TMPDIR:-/tmp}" -maxdepth 1 -type d -name 'wifichip.??????' -mmin +1 -exec rm -rf {} + 2>/dev/null
   stage=$(mktemp -d "${TMPDIR:-/tmp}/wifichip.XXXXXX") || return 1
   collect_wifi_state "$stage"
   # An empty staging directory gives a valid archive with no members.

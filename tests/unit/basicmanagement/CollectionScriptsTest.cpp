@@ -144,6 +144,26 @@ TEST_F(CollectionScriptsTest, ConcurrentRunsLeaveWholeFiles) {
   EXPECT_EQ(0, shell("tar -tf \"" + logDir + "/wifichip.tar\" >/dev/null"));
 }
 
+// A run killed at the daemon's time limit leaves its temporary file; the next run removes it once it
+// is old enough to belong to no live run, and leaves a fresh one (a run in progress) alone.
+TEST_F(CollectionScriptsTest, NextRunRemovesTemporaryFilesOfKilledRuns) {
+  ASSERT_EQ(0, shell("mkdir -p \"" + logDir + "\" && cd \"" + logDir +
+                     "\" && echo torn > .netstat.log.Ab12Cd && touch -d \"2 minutes ago\" .netstat.log.Ab12Cd"
+                     " && echo live > .netstat.log.Ef34Gh && echo other > .fdStatus.log.Ij56Kl"
+                     " && touch -d \"2 minutes ago\" .fdStatus.log.Ij56Kl"));
+  const std::string stage = root + "/wifichip.Mn78Op";
+  ASSERT_EQ(0, shell("mkdir -p \"" + stage + "/net\" && touch -d \"2 minutes ago\" \"" + stage + "\""));
+  setenv("TMPDIR", root.c_str(), 1);
+  EXPECT_EQ(0, shell("\"" + kScriptsDir + "/getNetstat.sh\""));
+  EXPECT_EQ(0, shell("\"" + kScriptsDir + "/wifiChipLogGet.sh\""));
+  unsetenv("TMPDIR");
+  EXPECT_NE(0, access((logDir + "/.netstat.log.Ab12Cd").c_str(), F_OK));
+  EXPECT_EQ(0, access((logDir + "/.netstat.log.Ef34Gh").c_str(), F_OK));
+  EXPECT_EQ(0, access((logDir + "/.fdStatus.log.Ij56Kl").c_str(), F_OK)) << "another script's file";
+  EXPECT_NE(0, access(stage.c_str(), F_OK));
+  EXPECT_FALSE(readFile(logDir + "/netstat.log").empty());
+}
+
 TEST_F(CollectionScriptsTest, DefaultLogDirectoryWithoutSettingsFile) {
   // /var/log is replaced for this process only, so the default directory can be written.
   ASSERT_EQ(0, mount("chd-test-varlog", "/var/log", "tmpfs", MS_NOSUID | MS_NODEV, "size=16m"));
