@@ -6,6 +6,7 @@ request can be timed. Every loop here is bounded in count and in time.
 """
 
 import http.client
+import http.server
 import os
 import socket
 import threading
@@ -230,3 +231,40 @@ def closed_by_peer(sock, wait_s):
         return False
     except OSError:
         return True
+
+
+class NotifySink:
+    """An event subscriber's HTTP server on loopback: answers every NOTIFY with
+    200 and counts them per path."""
+
+    def __init__(self):
+        counts = self.counts = {}
+        lock = self.lock = threading.Lock()
+
+        class Handler(http.server.BaseHTTPRequestHandler):
+            def do_NOTIFY(self):  # noqa: N802 (the method's name)
+                self.rfile.read(int(self.headers.get("Content-Length", "0")))
+                with lock:
+                    counts[self.path] = counts.get(self.path, 0) + 1
+                self.send_response(200)
+                self.send_header("Content-Length", "0")
+                self.end_headers()
+
+            def log_message(self, *_):
+                pass
+
+        self.server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
+        self.server.daemon_threads = True
+        self.thread = threading.Thread(target=self.server.serve_forever, daemon=True)
+        self.thread.start()
+
+    def url(self, path="/"):
+        return "http://127.0.0.1:%d%s" % (self.server.server_address[1], path)
+
+    def count(self, path="/"):
+        with self.lock:
+            return self.counts.get(path, 0)
+
+    def close(self):
+        self.server.shutdown()
+        self.server.server_close()
