@@ -1,6 +1,7 @@
 #include "SubscriptionPolicy.h"
 
 #include <algorithm>
+#include <memory>
 #include <mutex>
 #include <vector>
 
@@ -21,24 +22,26 @@ namespace zuna_upnp {
 // - A delivery that fails for any reason but 412 keeps the subscription
 //   (GUPnP only emits "notify-failed"), until its time-out, for good if the
 //   subscriber renews.
-// - Nothing limits the number of subscriptions.
-// - Its event sessions have no I/O time-out.
+// - After a failed delivery to one of several callbacks it sends to the next
+//   with one reference too many on the event's text, which is never freed.
+// - Nothing limits the number of subscriptions; its event sessions have no
+//   I/O time-out.
 // The remedies, all from the outside:
-// - Every new subscription gets one more callback at the end of its list,
-//   on this server: GUPnP tries it only when all of the subscriber's own
-//   callbacks failed, so each event settles there or at the subscriber, and
-//   the answer given there (200 keep, 412 drop) decides as GUPnP itself
-//   would for a subscriber's 412.
-// - An UNSUBSCRIBE that comes before the subscription's first event has
-//   settled waits (paused in an early handler) until it has: GUPnP then
-//   frees the subscription at once.
+// - GUPnP's event messages are pointed, as they are queued, at a relay on
+//   this server, which answers at once (200; 412 for a subscription about
+//   to go) and passes the event on to the subscriber's callback. So the first
+//   event always settles at once in GUPnP's eyes, GUPnP never tries another
+//   callback, and only this side sees the subscriber fail.
+// - An UNSUBSCRIBE that comes before the first event has settled waits
+//   (paused in an early handler) until it has: GUPnP then frees the
+//   subscription at once.
+// - A subscriber that failed as the limits say is unsubscribed by this side,
+//   with an UNSUBSCRIBE to GUPnP's own handler.
 // - A SUBSCRIBE beyond the cap is answered 503 before GUPnP sees it.
 
 namespace {
 
-constexpr char kFallbackPath[] = "/_gena/undelivered";
-// GUPnP reads at most six entries of a CALLBACK header.
-constexpr int kGupnpCallbackEntries = 6;
+constexpr char kRelayPath[] = "/_gena/relay";
 constexpr guint kSweepSeconds = 30;
 
 struct Registered {
@@ -76,7 +79,13 @@ gboolean onSessionSignal(GSignalInvocationHint* /*hint*/, guint count, const GVa
     return TRUE;
   }
   SoupSession* session = SOUP_SESSION(g_value_get_object(&values[0]));
-  for (SubscriptionPolicy* policy : policiesOfThisThread()) {
+  const std::vector<SubscriptionPolicy*> policies = policiesOfThisThread();
+  // The relays' own messages are none of any policy's business.
+  if (std::any_of(policies.begin(), policies.end(),
+                  [session](const SubscriptionPolicy* policy) { return policy->isOwnSession(session); })) {
+    return TRUE;
+  }
+  for (SubscriptionPolicy* policy : policies) {
     (policy->*Handle)(session, msg);
   }
   return TRUE;  // stays
@@ -135,9 +144,43 @@ void onEventPathHeaders(SoupServer* /*server*/, SoupServerMessage* msg, const ch
   static_cast<SubscriptionPolicy*>(data)->unsubscribeArrived(msg);
 }
 
-void onFallback(SoupServer* /*server*/, SoupServerMessage* msg, const char* /*path*/, GHashTable* /*query*/,
-                gpointer data) {
-  static_cast<SubscriptionPolicy*>(data)->undeliveredEvent(msg);
+void onRelay(SoupServer* /*server*/, SoupServerMessage* msg, const char* /*path*/, GHashTable* /*query*/,
+             gpointer data) {
+  static_cast<SubscriptionPolicy*>(data)->relayEvent(msg);
+}
+
+struct RelayJob {
+  SubscriptionPolicy* policy;
+  std::string sid;
+};
+
+void onRelayed(GObject* source, GAsyncResult* result, gpointer data) {
+  std::unique_ptr<RelayJob> job(static_cast<RelayJob*>(data));
+  GError* error = nullptr;
+  GBytes* body = soup_session_send_and_read_finish(SOUP_SESSION(source), result, &error);
+  if (body != nullptr) {
+    g_bytes_unref(body);
+  }
+  const bool cancelled = g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED);  // the policy is gone
+  g_clear_error(&error);
+  if (!cancelled) {
+    job->policy->relayed(job->sid,
+                         soup_message_get_status(soup_session_get_async_result_message(SOUP_SESSION(source), result)));
+  }
+}
+
+void onOwnRequestDone(GObject* source, GAsyncResult* result, gpointer /*data*/) {
+  GBytes* body = soup_session_send_and_read_finish(SOUP_SESSION(source), result, nullptr);
+  if (body != nullptr) {
+    g_bytes_unref(body);
+  }
+}
+
+SoupSession* newSession(unsigned timeoutSeconds, int connectionsPerHost) {
+  SoupSession* session =
+      soup_session_new_with_options("timeout", timeoutSeconds, "max-conns-per-host", connectionsPerHost, nullptr);
+  soup_session_set_proxy_resolver(session, nullptr);  // the home network only
+  return session;
 }
 
 gboolean onSweep(gpointer data) {
@@ -162,13 +205,16 @@ SubscriptionPolicy::SubscriptionPolicy(SoupServer* server, const std::string& ad
       mLimits(limits),
       mAddress(address),
       mPort(port),
-      mFallbackUrl("http://" + address + ":" + std::to_string(port) + kFallbackPath),
-      mContext(g_main_context_ref_thread_default()) {
+      mBaseUrl("http://" + address + ":" + std::to_string(port)),
+      mContext(g_main_context_ref_thread_default()),
+      mRelaySession(newSession(limits.deliverySeconds, 1)),
+      mOwnSession(newSession(limits.deliverySeconds, 2)),
+      mCancellable(g_cancellable_new()) {
   registerPolicy(this, mContext);
   g_signal_connect(mServer, "request-read", G_CALLBACK(onRequestRead), this);
   g_signal_connect(mServer, "request-finished", G_CALLBACK(onRequestDone), this);
   g_signal_connect(mServer, "request-aborted", G_CALLBACK(onRequestDone), this);
-  soup_server_add_handler(mServer, kFallbackPath, onFallback, this, nullptr);
+  soup_server_add_handler(mServer, kRelayPath, onRelay, this, nullptr);
   mSweep = g_timeout_source_new_seconds(kSweepSeconds);
   g_source_set_callback(mSweep, onSweep, this, nullptr);
   g_source_attach(mSweep, mContext);
@@ -183,7 +229,7 @@ SubscriptionPolicy::~SubscriptionPolicy() {
     g_source_unref(mRelease);
   }
   g_signal_handlers_disconnect_by_data(mServer, this);
-  soup_server_remove_handler(mServer, kFallbackPath);
+  soup_server_remove_handler(mServer, kRelayPath);
   for (const auto& path : mServicesByPath) {
     // GUPnP's own handler there goes with its service.
     soup_server_remove_handler(mServer, path.first.c_str());
@@ -191,6 +237,13 @@ SubscriptionPolicy::~SubscriptionPolicy() {
   while (!mSubscribers.empty()) {
     drop(mSubscribers.begin()->first);
   }
+  // Relayed events still on their way are dropped with their sessions.
+  g_cancellable_cancel(mCancellable);
+  g_object_unref(mCancellable);
+  soup_session_abort(mRelaySession);
+  g_object_unref(mRelaySession);
+  soup_session_abort(mOwnSession);
+  g_object_unref(mOwnSession);
   g_main_context_unref(mContext);
 }
 
@@ -227,10 +280,8 @@ LocalService* SubscriptionPolicy::serviceAt(SoupServerMessage* msg) const {
   return it != mServicesByPath.end() ? it->second : nullptr;
 }
 
-bool SubscriptionPolicy::isFallback(SoupMessage* msg) const {
-  GUri* uri = soup_message_get_uri(msg);
-  return g_strcmp0(g_uri_get_path(uri), kFallbackPath) == 0 && mAddress == g_uri_get_host(uri) &&
-         static_cast<unsigned>(g_uri_get_port(uri)) == mPort;
+bool SubscriptionPolicy::isOwnSession(SoupSession* session) const {
+  return session == mRelaySession || session == mOwnSession;
 }
 
 // --- GUPnP's event deliveries --------------------------------------------
@@ -257,8 +308,15 @@ void SubscriptionPolicy::deliveryQueued(SoupSession* session, SoupMessage* msg) 
     return;
   }
   ++subscriber->deliveriesInFlight;
-  // GUPnP's event session of the service; each delivery opens a connection
-  // of its own, which takes the time-out.
+  // Not sent yet: libsoup picks the connection (and the Host header) when
+  // it sends.
+  const std::string seq = headerOf(soup_message_get_request_headers(msg), "SEQ");
+  char* callback = g_uri_to_string(soup_message_get_uri(msg));
+  subscriber->callbackBySeq[seq] = callback;
+  g_free(callback);
+  GUri* relay = g_uri_parse((mBaseUrl + kRelayPath).c_str(), static_cast<GUriFlags>(SOUP_HTTP_URI_FLAGS), nullptr);
+  soup_message_set_uri(msg, relay);
+  g_uri_unref(relay);
   if (soup_session_get_timeout(session) != mLimits.deliverySeconds) {
     soup_session_set_timeout(session, mLimits.deliverySeconds);
   }
@@ -273,18 +331,13 @@ void SubscriptionPolicy::deliveryDone(SoupSession* /*session*/, SoupMessage* msg
   if (subscriber->deliveriesInFlight > 0) {
     --subscriber->deliveriesInFlight;
   }
+  subscriber->callbackBySeq.erase(headerOf(soup_message_get_request_headers(msg), "SEQ"));
   const guint status = soup_message_get_status(msg);
-  if (!isFallback(msg)) {
-    if (SOUP_STATUS_IS_SUCCESSFUL(status)) {
-      subscriber->settled = true;
-      subscriber->reached = true;
-      subscriber->failedEvents = 0;
-    } else if (status == SOUP_STATUS_PRECONDITION_FAILED) {
-      // GUPnP drops it itself.
-      TL_LOG(5, "Subscriber [%s] refused an event with 412: dropped", sid.c_str());
-      drop(sid);
-      return;
-    }
+  if (SOUP_STATUS_IS_SUCCESSFUL(status)) {
+    subscriber->settled = true;
+  } else if (status == SOUP_STATUS_PRECONDITION_FAILED) {
+    drop(sid);  // GUPnP has dropped it itself
+    return;
   }
   if (subscriber->heldUnsubscribe != nullptr) {
     scheduleRelease();
@@ -304,7 +357,7 @@ void SubscriptionPolicy::subscribeRead(SoupServerMessage* msg) {
       soup_message_headers_get_one(headers, "SID") != nullptr) {
     return;  // renewals, and what GUPnP refuses anyway
   }
-  if (refuseOverCap(msg, service) || !addFallbackCallback(msg)) {
+  if (refuseOverCap(msg, service)) {
     return;
   }
   mSubscribing = service;
@@ -320,22 +373,6 @@ bool SubscriptionPolicy::refuseOverCap(SoupServerMessage* msg, LocalService* ser
     TL_LOG(3, "Refused a subscription to [%s]: %u subscriptions already (%lu refused so far)",
            service->getServiceID().c_str(), mLimits.perService, mRefused);
   }
-  return true;
-}
-
-bool SubscriptionPolicy::addFallbackCallback(SoupServerMessage* msg) {
-  SoupMessageHeaders* headers = soup_server_message_get_request_headers(msg);
-  const std::string callback = headerOf(headers, "Callback");
-  if (callback.find("<http://") == std::string::npos) {
-    return false;  // GUPnP finds no callback in it and answers 412
-  }
-  if (std::count(callback.begin(), callback.end(), '<') >= kGupnpCallbackEntries) {
-    // GUPnP would not read the added entry; five of the subscriber's own is
-    // plenty.
-    soup_server_message_set_status(msg, SOUP_STATUS_PRECONDITION_FAILED, "Too many callbacks");
-    return false;
-  }
-  soup_message_headers_replace(headers, "Callback", (callback + "<" + mFallbackUrl + ">").c_str());
   return true;
 }
 
@@ -356,6 +393,9 @@ void SubscriptionPolicy::unsubscribeArrived(SoupServerMessage* msg) {
 void SubscriptionPolicy::requestDone(SoupServerMessage* msg) {
   const char* method = soup_server_message_get_method(msg);
   const bool subscribe = g_strcmp0(method, "SUBSCRIBE") == 0;
+  if (subscribe) {
+    mSubscribing = nullptr;  // GUPnP's handler has long returned
+  }
   if (!subscribe && g_strcmp0(method, "UNSUBSCRIBE") != 0) {
     return;
   }
@@ -385,35 +425,79 @@ void SubscriptionPolicy::requestDone(SoupServerMessage* msg) {
   subscriber->service->getBinding()->subscribed(headerOf(answer, "SID"), seconds, this);
 }
 
-// --- events no callback of the subscriber took --------------------------------
+// --- the relay ---------------------------------------------------------------
 
-void SubscriptionPolicy::undeliveredEvent(SoupServerMessage* msg) {
+void SubscriptionPolicy::relayEvent(SoupServerMessage* msg) {
   const char* peer = soup_server_message_get_remote_host(msg);
   if (g_strcmp0(soup_server_message_get_method(msg), "NOTIFY") != 0 || mAddress != (peer != nullptr ? peer : "")) {
     soup_server_message_set_status(msg, SOUP_STATUS_FORBIDDEN, nullptr);
     return;
   }
-  const std::string sid = headerOf(soup_server_message_get_request_headers(msg), "SID");
-  Subscriber* subscriber = find(sid);
-  if (subscriber == nullptr) {
+  SoupMessageHeaders* headers = soup_server_message_get_request_headers(msg);
+  Subscriber* subscriber = find(headerOf(headers, "SID"));
+  if (subscriber == nullptr || subscriber->dropping) {
+    // GUPnP drops a subscription whose event is answered 412.
     soup_server_message_set_status(msg, SOUP_STATUS_PRECONDITION_FAILED, nullptr);
     return;
   }
-  if (!subscriber->cancelled) {
-    ++subscriber->failedEvents;
-    if (!subscriber->reached || subscriber->failedEvents >= mLimits.failedEventsBeforeDrop) {
-      TL_LOG(4, "Subscriber [%s] took %s: dropped", sid.c_str(),
-             subscriber->reached ? "none of the last events" : "not even its first event");
-      // GUPnP drops a subscription whose event is answered 412.
-      soup_server_message_set_status(msg, SOUP_STATUS_PRECONDITION_FAILED, nullptr);
-      drop(sid);
-      return;
-    }
+  auto callback = subscriber->callbackBySeq.find(headerOf(headers, "SEQ"));
+  if (callback != subscriber->callbackBySeq.end() && !subscriber->cancelled) {
+    pass(msg, callback->second);
   }
-  // Kept for now (or about to be freed by its UNSUBSCRIBE): GUPnP counts
-  // this as its first delivery.
-  subscriber->settled = true;
   soup_server_message_set_status(msg, SOUP_STATUS_OK, nullptr);
+}
+
+void SubscriptionPolicy::pass(SoupServerMessage* event, const std::string& callback) {
+  SoupMessage* msg = soup_message_new("NOTIFY", callback.c_str());
+  if (msg == nullptr) {
+    return;
+  }
+  SoupMessageHeaders* from = soup_server_message_get_request_headers(event);
+  SoupMessageHeaders* to = soup_message_get_request_headers(msg);
+  for (const char* name : {"NT", "NTS", "SID", "SEQ"}) {
+    soup_message_headers_append(to, name, headerOf(from, name).c_str());
+  }
+  soup_message_headers_append(to, "Connection", "close");
+  GBytes* body = soup_message_body_flatten(soup_server_message_get_request_body(event));
+  soup_message_set_request_body_from_bytes(msg, headerOf(from, "Content-Type").c_str(), body);
+  g_bytes_unref(body);
+  soup_session_send_and_read_async(mRelaySession, msg, G_PRIORITY_DEFAULT, mCancellable, onRelayed,
+                                   new RelayJob{this, headerOf(from, "SID")});
+  g_object_unref(msg);
+}
+
+void SubscriptionPolicy::relayed(const std::string& sid, guint status) {
+  Subscriber* subscriber = find(sid);
+  if (subscriber == nullptr || subscriber->cancelled || subscriber->dropping) {
+    return;
+  }
+  if (SOUP_STATUS_IS_SUCCESSFUL(status)) {
+    subscriber->reached = true;
+    subscriber->failedEvents = 0;
+    return;
+  }
+  ++subscriber->failedEvents;
+  if (status == SOUP_STATUS_PRECONDITION_FAILED || !subscriber->reached ||
+      subscriber->failedEvents >= mLimits.failedEventsBeforeDrop) {
+    TL_LOG(4, "Subscriber [%s] %s (status %u): dropped", sid.c_str(),
+           subscriber->reached ? "failed its last events" : "took not even its first event", status);
+    unsubscribeOnBehalf(sid, *subscriber);
+  }
+}
+
+void SubscriptionPolicy::unsubscribeOnBehalf(const std::string& sid, Subscriber& subscriber) {
+  subscriber.dropping = true;
+  subscriber.service->getBinding()->unsubscribed(sid);
+  std::string path;
+  for (const auto& entry : mServicesByPath) {
+    path = entry.second == subscriber.service ? entry.first : path;
+  }
+  // Through GUPnP's own handler (and this side's, which holds it until the
+  // first event has settled), so GUPnP frees it.
+  SoupMessage* msg = soup_message_new("UNSUBSCRIBE", (mBaseUrl + path).c_str());
+  soup_message_headers_append(soup_message_get_request_headers(msg), "SID", sid.c_str());
+  soup_session_send_and_read_async(mOwnSession, msg, G_PRIORITY_DEFAULT, mCancellable, onOwnRequestDone, nullptr);
+  g_object_unref(msg);
 }
 
 // --- held UNSUBSCRIBE requests ----------------------------------------------

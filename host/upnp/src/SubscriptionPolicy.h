@@ -1,10 +1,11 @@
 // What a GENA subscription may cost on one interface's HTTP server, and the
 // bookkeeping that makes GUPnP 1.6.3 let go of the subscriptions it no longer
-// needs. GUPnP keeps the subscriptions and sends the events; this class
+// needs. GUPnP keeps the subscriptions and writes the events; this class
 // stands in front of its handlers (SoupServer signals and an early handler on
-// each event URL) and watches its event deliveries (emission hooks on
-// SoupSession), so nothing of GENA itself is done here. Lives and dies on the
-// GLib thread with its interface stack.
+// each event URL), passes its event messages on to the subscribers (emission
+// hooks on SoupSession point them at a relay on this server) and tells it
+// with its own UNSUBSCRIBE when a subscriber is to go. libsoup does all the
+// HTTP. Lives and dies on the GLib thread with its interface stack.
 #pragma once
 
 #include <libsoup/soup.h>
@@ -29,17 +30,16 @@ struct SubscriptionLimits {
   // one) is dropped then; once it has taken one, it is dropped when this
   // many events in a row reached none of its callbacks.
   unsigned failedEventsBeforeDrop = 3;
-  // How long one event delivery may take (connect, send, answer): GUPnP's
-  // sessions have no time-out of their own, so a callback that never
-  // answers would hold its delivery, and every later one to that host, for
-  // good.
+  // How long one event delivery may take (connect, send, answer). GUPnP's
+  // sessions have no time-out: a callback that never answers would hold its
+  // delivery, and every later one to that host, for good.
   unsigned deliverySeconds = 10;
 };
 
 class SubscriptionPolicy {
  public:
   // server is the interface stack's; address and port are where it listens
-  // (deliveries GUPnP cannot make come back there).
+  // (GUPnP's event messages pass through there).
   SubscriptionPolicy(SoupServer* server, const std::string& address, unsigned port,
                      const SubscriptionLimits& limits = SubscriptionLimits());
   ~SubscriptionPolicy();
@@ -58,10 +58,12 @@ class SubscriptionPolicy {
     gint64 expiry = 0;  // monotonic microseconds
     unsigned deliveriesInFlight = 0;
     bool settled = false;       // GUPnP frees it at once on UNSUBSCRIBE
-    bool reached = false;       // one of its own callbacks took an event
+    bool reached = false;       // its callback took an event
     unsigned failedEvents = 0;  // in a row, since it last took one
     bool cancelled = false;     // UNSUBSCRIBE seen
+    bool dropping = false;      // this side's UNSUBSCRIBE is on its way
     SoupServerMessage* heldUnsubscribe = nullptr;
+    std::map<std::string, std::string> callbackBySeq;  // events on their way to the relay
   };
 
   // For the emission hooks and the server's signals (GLib thread).
@@ -70,10 +72,12 @@ class SubscriptionPolicy {
   void subscribeRead(SoupServerMessage* msg);
   void unsubscribeArrived(SoupServerMessage* msg);
   void requestDone(SoupServerMessage* msg);
-  void undeliveredEvent(SoupServerMessage* msg);
+  void relayEvent(SoupServerMessage* msg);
+  void relayed(const std::string& sid, guint status);
   void releaseHeldUnsubscribes();
   void dropExpired();
   void heldUnsubscribeGone(SoupServerMessage* msg);
+  bool isOwnSession(SoupSession* session) const;
 
  private:
   Subscriber* find(const std::string& sid);
@@ -82,17 +86,22 @@ class SubscriptionPolicy {
   void drop(const std::string& sid);
   void releaseHold(Subscriber& subscriber);
   void scheduleRelease();
-  bool isFallback(SoupMessage* msg) const;
   LocalService* serviceAt(SoupServerMessage* msg) const;
   bool refuseOverCap(SoupServerMessage* msg, LocalService* service);
-  bool addFallbackCallback(SoupServerMessage* msg);
+  void pass(SoupServerMessage* event, const std::string& callback);
+  void unsubscribeOnBehalf(const std::string& sid, Subscriber& subscriber);
 
   SoupServer* mServer;
   SubscriptionLimits mLimits;
   std::string mAddress;
   unsigned mPort;
-  std::string mFallbackUrl;
+  std::string mBaseUrl;
   GMainContext* mContext;
+  // Events to the subscribers, one connection per host at a time as GUPnP
+  // does (in order); and this side's UNSUBSCRIBE requests to GUPnP.
+  SoupSession* mRelaySession;
+  SoupSession* mOwnSession;
+  GCancellable* mCancellable;
   GSource* mSweep = nullptr;
   GSource* mRelease = nullptr;
   std::map<std::string, LocalService*> mServicesByPath;
