@@ -15,10 +15,49 @@ namespace statusstore {
 
 using Lock = std::lock_guard<std::mutex>;
 
+namespace {
+
+class StringStatusValue : public StatusValue {
+ public:
+  explicit StringStatusValue(std::string text) : mText(std::move(text)) {}
+  std::string_view text() const override { return mText; }
+
+ private:
+  const std::string mText;
+};
+
+const SharedStatusValue& emptyValue() {
+  // Never destroyed: the store is used until the very end of the process.
+  static const auto* const empty = new SharedStatusValue(makeStatusValue(std::string()));
+  return *empty;
+}
+
+}  // namespace
+
+SharedStatusValue makeStatusValue(std::string text) { return std::make_shared<StringStatusValue>(std::move(text)); }
+
+StatusMap toStatusMap(const SharedStatusMap& statuses) {
+  StatusMap copy;
+  for (const auto& [key, value] : statuses) {
+    copy.emplace_hint(copy.end(), key, std::string(value->text()));
+  }
+  return copy;
+}
+
+void StoreObserver::onSharedStatusesChanged(const SharedStatusMap& statuses) {
+  onStatusesChanged(toStatusMap(statuses));
+}
+
 std::string LocalStatusManager::getStatus(const std::string& key) {
+  // The copy for the caller is made outside the lock: a big value does not
+  // hold up the other users of the store while it is copied.
+  return std::string(getSharedStatus(key)->text());
+}
+
+SharedStatusValue LocalStatusManager::getSharedStatus(const std::string& key) {
   Lock lock(mMutex);
   auto found = mStatuses.find(key);
-  return found == mStatuses.end() ? std::string() : found->second;
+  return found == mStatuses.end() ? emptyValue() : found->second;
 }
 
 void LocalStatusManager::resumeTimer(const std::string& name) {
@@ -101,32 +140,41 @@ void LocalStatusManager::registerEventNames(IStatusUpdateListener* listener, Sta
 }
 
 void LocalStatusManager::setStatus(const std::string& key, const std::string& value) {
-  setStatuses(StatusMap{{key, value}});
+  SharedStatusMap statuses;
+  statuses.emplace(key, makeStatusValue(value));
+  setSharedStatuses(std::move(statuses));
 }
 
 void LocalStatusManager::setStatuses(StatusMap statuses) {
+  SharedStatusMap shared;
+  for (auto& [key, value] : statuses) {
+    shared.emplace_hint(shared.end(), key, makeStatusValue(std::move(value)));
+  }
+  setSharedStatuses(std::move(shared));
+}
+
+// The table, every queued callback and the observers all refer to the same
+// values: a listener's own copy is made only when its callback runs.
+void LocalStatusManager::setSharedStatuses(SharedStatusMap statuses) {
   if (statuses.empty()) {
     return;
   }
+  auto change = std::make_shared<const SharedStatusMap>(std::move(statuses));
   Lock lock(mMutex);
-  applyStatusesLocked(statuses);
-}
-
-void LocalStatusManager::applyStatusesLocked(const StatusMap& statuses) {
-  for (const auto& [key, value] : statuses) {
+  for (const auto& [key, value] : *change) {
     mStatuses[key] = value;
   }
   for (auto& [listener, entry] : mListeners) {
-    if (wantsAnyOf(entry, statuses)) {
-      entry.dispatcher->post(Tolvane::SmartPtr<Tolvane::EventAgent>(new StatusChangedAgent(listener, statuses)));
+    if (wantsAnyOf(entry, *change)) {
+      entry.dispatcher->post(Tolvane::SmartPtr<Tolvane::EventAgent>(new StatusChangedAgent(listener, change)));
     }
   }
   for (StoreObserver* observer : mObservers) {
-    observer->onStatusesChanged(statuses);
+    observer->onSharedStatusesChanged(*change);
   }
 }
 
-bool LocalStatusManager::wantsAnyOf(const Listener& listener, const StatusMap& statuses) const {
+bool LocalStatusManager::wantsAnyOf(const Listener& listener, const SharedStatusMap& statuses) const {
   return std::any_of(statuses.begin(), statuses.end(),
                      [&listener](const auto& entry) { return listener.statusKeys.count(entry.first) != 0; });
 }

@@ -1,4 +1,6 @@
 // The process's one status store, and its export on the configured bus.
+#include <malloc.h>
+
 #include <atomic>
 #include <cstdlib>
 #include <string>
@@ -39,7 +41,21 @@ void exportOnConfiguredBus(LocalStatusManager& store) {
   atexit(unexportAtExit);
 }
 
+// Values of any size pass through the store and the bus. glibc serves big
+// blocks with mmap and returns them when freed, but after the first such
+// free it raises the threshold to that block's size (up to 32 MiB), and
+// from then on big values land on heaps that seldom shrink: a process that
+// once saw a 10 MB value would keep its memory after the value is gone.
+// A fixed threshold keeps big blocks on mmap for good.
+constexpr int kBigBlockBytes = 256 * 1024;
+
+void returnBigBlocksToTheSystem() {
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): glibc takes its arena lock for the change; called once
+  mallopt(M_MMAP_THRESHOLD, kBigBlockBytes);
+}
+
 LocalStatusManager* createProcessStore() {
+  returnBigBlocksToTheSystem();
   // Never deleted: components on other threads may use the store until the
   // very end of the process.
   auto* store = new LocalStatusManager();

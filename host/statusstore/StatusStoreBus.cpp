@@ -35,6 +35,39 @@ constexpr char kInterfaceXml[] =
     "  </interface>"
     "</node>";
 
+// Values received over the bus are valid UTF-8 strings already, and go out
+// again as the very same variant.
+class VariantStatusValue : public StatusValue {
+ public:
+  explicit VariantStatusValue(GVariant* string) : mString(string) {}
+  ~VariantStatusValue() override { g_variant_unref(mString); }
+  VariantStatusValue(const VariantStatusValue&) = delete;
+  VariantStatusValue& operator=(const VariantStatusValue&) = delete;
+
+  std::string_view text() const override {
+    gsize length = 0;
+    const gchar* text = g_variant_get_string(mString, &length);
+    return {text, length};
+  }
+  GVariant* variant() const { return mString; }
+
+ private:
+  GVariant* const mString;
+};
+
+void releaseSharedValue(gpointer value) { delete static_cast<SharedStatusValue*>(value); }
+
+// A string variant over the value's own bytes (and their terminating nul),
+// which stay alive as long as the variant does.
+GVariant* variantSharingBytes(const SharedStatusValue& value) {
+  const std::string_view text = value->text();
+  GBytes* bytes =
+      g_bytes_new_with_free_func(text.data(), text.size() + 1, releaseSharedValue, new SharedStatusValue(value));
+  GVariant* variant = g_variant_new_from_bytes(G_VARIANT_TYPE_STRING, bytes, TRUE);
+  g_bytes_unref(bytes);
+  return variant;
+}
+
 std::string addressOfBus(const std::string& bus, GError** error) {
   if (bus == "session" || bus == "system") {
     GBusType type = bus == "session" ? G_BUS_TYPE_SESSION : G_BUS_TYPE_SYSTEM;
@@ -81,6 +114,32 @@ std::string toValidUtf8(const std::string& text) {
   std::string result(valid);
   g_free(valid);
   return result;
+}
+
+SharedStatusValue statusValueFromVariant(GVariant* string) { return std::make_shared<VariantStatusValue>(string); }
+
+GVariant* statusValueToVariant(const SharedStatusValue& value) {
+  if (const auto* received = dynamic_cast<const VariantStatusValue*>(value.get())) {
+    return g_variant_ref(received->variant());
+  }
+  const std::string_view text = value->text();
+  // Also false for an embedded nul, which a D-Bus string cannot carry.
+  if (g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr)) {
+    return g_variant_ref_sink(variantSharingBytes(value));
+  }
+  return g_variant_ref_sink(g_variant_new_string(toValidUtf8(std::string(text)).c_str()));
+}
+
+GVariant* sharedStatusMapToVariant(const SharedStatusMap& statuses) {
+  GVariantBuilder builder;
+  g_variant_builder_init(&builder, G_VARIANT_TYPE("a{ss}"));
+  for (const auto& [key, value] : statuses) {
+    GVariant* text = statusValueToVariant(value);
+    g_variant_builder_add_value(&builder,
+                                g_variant_new_dict_entry(g_variant_new_string(toValidUtf8(key).c_str()), text));
+    g_variant_unref(text);
+  }
+  return g_variant_builder_end(&builder);
 }
 
 GVariant* statusMapToVariant(const std::map<std::string, std::string>& statuses) {

@@ -32,38 +32,55 @@ const char* firstString(GVariant* parameters) {
   return text;
 }
 
+// Arguments are taken one child at a time: reading the whole tuple with
+// g_variant_get would first write out a serialised copy of all of it.
+std::string stringChild(GVariant* parameters, gsize index) {
+  GVariant* child = g_variant_get_child_value(parameters, index);
+  gsize length = 0;
+  const gchar* text = g_variant_get_string(child, &length);
+  std::string copy(text, length);
+  g_variant_unref(child);
+  return copy;
+}
+
+// The received string becomes the stored value itself.
+void addReceivedStatus(SharedStatusMap& statuses, GVariant* entry) {
+  std::string key = stringChild(entry, 0);
+  statuses[std::move(key)] = statusValueFromVariant(g_variant_get_child_value(entry, 1));
+}
+
 GVariant* setStatus(LocalStatusManager& store, GVariant* parameters) {
-  const gchar* key = nullptr;
-  const gchar* value = nullptr;
-  g_variant_get(parameters, "(&s&s)", &key, &value);
-  store.setStatus(key, value);
+  SharedStatusMap statuses;
+  addReceivedStatus(statuses, parameters);
+  store.setSharedStatuses(std::move(statuses));
   return nullptr;
 }
 
 GVariant* setStatuses(LocalStatusManager& store, GVariant* parameters) {
-  GVariantIter* iter = nullptr;
-  g_variant_get(parameters, "(a{ss})", &iter);
-  StatusMap statuses;
-  const gchar* key = nullptr;
-  const gchar* value = nullptr;
-  while (g_variant_iter_loop(iter, "{&s&s}", &key, &value)) {
-    statuses[key] = value;
+  GVariant* entries = g_variant_get_child_value(parameters, 0);
+  SharedStatusMap statuses;
+  const gsize count = g_variant_n_children(entries);
+  for (gsize index = 0; index < count; ++index) {
+    GVariant* entry = g_variant_get_child_value(entries, index);
+    addReceivedStatus(statuses, entry);
+    g_variant_unref(entry);
   }
-  g_variant_iter_free(iter);
-  store.setStatuses(std::move(statuses));
+  g_variant_unref(entries);
+  store.setSharedStatuses(std::move(statuses));
   return nullptr;
 }
 
 GVariant* getStatus(LocalStatusManager& store, GVariant* parameters) {
-  return g_variant_new("(s)", toValidUtf8(store.getStatus(firstString(parameters))).c_str());
+  GVariant* value = statusValueToVariant(store.getSharedStatus(firstString(parameters)));
+  GVariant* reply = g_variant_new_tuple(&value, 1);
+  g_variant_unref(value);
+  return reply;
 }
 
 GVariant* postEvent(LocalStatusManager& store, GVariant* parameters) {
-  const gchar* name = nullptr;
-  const gchar* value = nullptr;
   gint32 option = 0;
-  g_variant_get(parameters, "(&s&si)", &name, &value, &option);
-  store.postEvent(name, value, option);
+  g_variant_get_child(parameters, 2, "i", &option);
+  store.postEvent(stringChild(parameters, 0), stringChild(parameters, 1), option);
   return nullptr;
 }
 
@@ -273,12 +290,16 @@ void StatusStoreExporter::teardown() {
   TL_LOG(5, "Status store no longer exported");
 }
 
-void StatusStoreExporter::onStatusesChanged(const StatusMap& statuses) {
-  emit("StatusesChanged", g_variant_new("(@a{ss})", statusMapToVariant(statuses)));
+// The signal shares the store's values: it costs one serialised copy, which
+// goes as soon as the message has been written to the bus.
+void StatusStoreExporter::onSharedStatusesChanged(const SharedStatusMap& statuses) {
+  emit("StatusesChanged", g_variant_new("(@a{ss})", sharedStatusMapToVariant(statuses)));
 }
 
 void StatusStoreExporter::onEventPosted(const std::string& name, const std::string& value) {
-  emit("EventPosted", g_variant_new("(ss)", toValidUtf8(name).c_str(), toValidUtf8(value).c_str()));
+  GVariant* text = statusValueToVariant(makeStatusValue(value));
+  emit("EventPosted", g_variant_new("(s@s)", toValidUtf8(name).c_str(), text));
+  g_variant_unref(text);
 }
 
 void StatusStoreExporter::emit(const char* signal, GVariant* parameters) {

@@ -3,21 +3,24 @@
 // can drop what is still queued with removeAgentsByReceiver on that pointer.
 #pragma once
 
+#include <memory>
 #include <string>
 
 #include "status/StatusManager.h"
+#include "statusstore_host/LocalStatusManager.h"
 #include "tolvane/EventThread.h"
 
 namespace statusstore {
 
 class StatusChangedAgent : public Tolvane::EventAgent {
  public:
-  StatusChangedAgent(IStatusUpdateListener* listener, StatusMap statuses);
+  // The change is shared with the store and the other listeners' agents.
+  StatusChangedAgent(IStatusUpdateListener* listener, std::shared_ptr<const SharedStatusMap> statuses);
   void run() override;
 
  private:
   IStatusUpdateListener* mListener;
-  StatusMap mStatuses;
+  std::shared_ptr<const SharedStatusMap> mStatuses;
 };
 
 class EventPostedAgent : public Tolvane::EventAgent {

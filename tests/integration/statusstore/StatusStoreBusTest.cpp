@@ -99,6 +99,48 @@ TEST_F(ExportedStoreTest, ValueThatIsNotUtf8StillTravels) {
   EXPECT_EQ(stringReply(client->call("GetStatus", g_variant_new("(s)", "Network Name"), "(s)")).substr(0, 3), "caf");
 }
 
+// A value with an embedded nul cannot be a D-Bus string either: the nul goes
+// out as a replacement character, while the store keeps every byte.
+TEST_F(ExportedStoreTest, ValueWithANulStillTravels) {
+  const std::string value("ab\0cd", 5);
+  store.setStatus("Network Name", value);
+  ASSERT_TRUE(client->waitUntil([&] { return !client->statusSignals().empty(); }));
+  EXPECT_EQ(client->statusSignals()[0].at("Network Name"),
+            "ab\xef\xbf\xbd"
+            "cd");
+  EXPECT_EQ(store.getStatus("Network Name"), value);
+}
+
+// A value set over the bus is stored as received and goes out again whole:
+// in the signal, in GetStatus and to in-process listeners.
+TEST_F(ExportedStoreTest, BigValueSetOverTheBusTravelsWhole) {
+  listen({"Big"});
+  std::string big(3 * 1024 * 1024, 'v');
+  big[12345] = 'w';
+  big += "\u00e9";  // multi-byte UTF-8 at the very end
+  callWithoutReply(*client, "SetStatuses",
+                   g_variant_new("(@a{ss})", statusMapToVariant({{"Big", big}, {"Small", "s"}})));
+  EXPECT_EQ(store.getStatus("Big"), big);
+  ASSERT_TRUE(listener.waitForCallbacks(1));
+  EXPECT_EQ(listener.statuses()[0], (StatusMap{{"Big", big}, {"Small", "s"}}));
+  ASSERT_TRUE(client->waitUntil([&] { return !client->statusSignals().empty(); }));
+  EXPECT_EQ(client->statusSignals()[0].at("Big"), big);
+  EXPECT_EQ(stringReply(client->call("GetStatus", g_variant_new("(s)", "Big"), "(s)")), big);
+  callWithoutReply(*client, "SetStatus", g_variant_new("(ss)", "Big", "small again"));
+  EXPECT_EQ(store.getStatus("Big"), "small again");
+}
+
+TEST_F(ExportedStoreTest, BigValueSetInProcessIsSignalledAndReadWhole) {
+  const std::string big(2 * 1024 * 1024, 'x');
+  store.setStatus("Big", big);
+  store.postEvent("Write CHD Blob Event", big, 0);
+  ASSERT_TRUE(client->waitUntil([&] { return !client->statusSignals().empty(); }));
+  ASSERT_TRUE(client->waitUntil([&] { return !client->eventSignals().empty(); }));
+  EXPECT_EQ(client->statusSignals()[0].at("Big"), big);
+  EXPECT_EQ(client->eventSignals()[0].second, big);
+  EXPECT_EQ(stringReply(client->call("GetStatus", g_variant_new("(s)", "Big"), "(s)")), big);
+}
+
 TEST_F(ExportedStoreTest, ReadsOverTheBusMatchTheStore) {
   EXPECT_EQ(stringReply(client->call("GetStatus", g_variant_new("(s)", "Never Set"), "(s)")), "");
   store.setStatus("TL date", "2024-01-01");

@@ -344,6 +344,53 @@ TEST_F(LocalStatusManagerTest, ObserverSeesEveryChangeAndEventInOrderUntilRemove
   EXPECT_EQ(observer.changes[2].statuses, (StatusMap{{"B", "2"}, {"C", "3"}}));
 }
 
+class SharingObserver : public StoreObserver {
+ public:
+  void onSharedStatusesChanged(const SharedStatusMap& statuses) override { changes.push_back(statuses); }
+  void onEventPosted(const std::string& /*name*/, const std::string& /*value*/) override {}
+  std::vector<SharedStatusMap> changes;
+};
+
+// A value exists once: the table and the observers hold the same object, and
+// listeners get their own copies only when their callbacks run.
+TEST_F(LocalStatusManagerTest, AValueIsSharedByTheTableAndTheObservers) {
+  SharingObserver observer;
+  store.addObserver(&observer);
+  listen({"Big"});
+  store.setStatus("Big", std::string(100000, 'b'));
+  store.removeObserver(&observer);
+  ASSERT_EQ(observer.changes.size(), 1U);
+  const SharedStatusValue stored = store.getSharedStatus("Big");
+  EXPECT_EQ(observer.changes[0].at("Big").get(), stored.get());
+  EXPECT_EQ(stored->text(), std::string(100000, 'b'));
+  flush(dispatcher);
+  ASSERT_EQ(listener.statuses().size(), 1U);
+  EXPECT_EQ(listener.statuses()[0].at("Big"), std::string(100000, 'b'));
+}
+
+TEST_F(LocalStatusManagerTest, SharedStatusesAreStoredAsGivenAndDeliveredAsCopies) {
+  listen({"A"});
+  const SharedStatusValue value = makeStatusValue("first");
+  store.setSharedStatuses({{"A", value}, {"B", makeStatusValue("second")}});
+  EXPECT_EQ(store.getSharedStatus("A").get(), value.get());
+  EXPECT_EQ(store.getStatus("B"), "second");
+  EXPECT_EQ(store.getSharedStatus("Never Set")->text(), "");
+  flush(dispatcher);
+  ASSERT_EQ(listener.statuses().size(), 1U);
+  EXPECT_EQ(listener.statuses()[0], (StatusMap{{"A", "first"}, {"B", "second"}}));
+  store.setSharedStatuses({});
+  flush(dispatcher);
+  EXPECT_EQ(listener.statuses().size(), 1U);
+}
+
+// A value's bytes may be anything, nuls included.
+TEST_F(LocalStatusManagerTest, ValuesKeepEveryByte) {
+  const std::string value("a\0b\xff", 4);
+  store.setStatus("Bytes", value);
+  EXPECT_EQ(store.getStatus("Bytes"), value);
+  EXPECT_EQ(store.getSharedStatus("Bytes")->text().data()[4], '\0');
+}
+
 // Several threads use every operation at once; each listener gets exactly its
 // share, per key in the order each thread made the changes.
 TEST_F(LocalStatusManagerTest, ConcurrentUseDeliversEverythingInOrderPerThread) {

@@ -3,9 +3,11 @@
 #pragma once
 
 #include <map>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "status/StatusManager.h"
@@ -13,13 +15,32 @@
 
 namespace statusstore {
 
+// A status value as the store keeps it: immutable, and shared by the store's
+// table, the callbacks still queued and the bus signals, so that a big value
+// exists once however many parties carry it.
+class StatusValue {
+ public:
+  virtual ~StatusValue() = default;
+  // The value's bytes; text().data() is followed by a terminating nul.
+  virtual std::string_view text() const = 0;
+};
+
+using SharedStatusValue = std::shared_ptr<const StatusValue>;
+// Changed keys with their values, shared the same way.
+using SharedStatusMap = std::map<std::string, SharedStatusValue>;
+
+SharedStatusValue makeStatusValue(std::string text);
+StatusMap toStatusMap(const SharedStatusMap& statuses);
+
 // Sees every status change and every posted event of a store, whoever made
 // it, in the store's own order. Called on the thread that made the change
 // while the store is locked: an observer must not call back into the store.
 class StoreObserver {
  public:
   virtual ~StoreObserver() = default;
-  virtual void onStatusesChanged(const StatusMap& statuses) = 0;
+  // The values as the store shares them; by default a copy goes to onStatusesChanged.
+  virtual void onSharedStatusesChanged(const SharedStatusMap& statuses);
+  virtual void onStatusesChanged(const StatusMap& /*statuses*/) {}
   virtual void onEventPosted(const std::string& name, const std::string& value) = 0;
 };
 
@@ -46,6 +67,12 @@ class LocalStatusManager : public StatusManager {
   void registerEventNames(IStatusUpdateListener* listener, StatusNameList names) override;
   void postEvent(const std::string& name, const std::string& value, int option) override;
 
+  // Stores the given values themselves, without copying them (the bus hands
+  // over the values that it received).
+  void setSharedStatuses(SharedStatusMap statuses);
+  // The stored value itself; an empty value when the key was never set.
+  SharedStatusValue getSharedStatus(const std::string& key);
+
   // After removeObserver returns the observer is not called any more.
   void addObserver(StoreObserver* observer);
   void removeObserver(StoreObserver* observer);
@@ -57,11 +84,10 @@ class LocalStatusManager : public StatusManager {
     std::set<std::string> eventNames;
   };
 
-  bool wantsAnyOf(const Listener& listener, const StatusMap& statuses) const;
-  void applyStatusesLocked(const StatusMap& statuses);
+  bool wantsAnyOf(const Listener& listener, const SharedStatusMap& statuses) const;
 
   std::mutex mMutex;
-  StatusMap mStatuses;
+  std::map<std::string, SharedStatusValue> mStatuses;
   std::map<std::string, unsigned> mCounters;
   StatusTimers mTimers;
   std::map<IStatusUpdateListener*, Listener> mListeners;

@@ -6,6 +6,8 @@
 #include <map>
 #include <string>
 
+#include "statusstore_host/LocalStatusManager.h"
+
 namespace statusstore {
 
 inline constexpr char kStoreBusName[] = "org.tolvane.StatusStore1";
@@ -35,5 +37,15 @@ std::string toValidUtf8(const std::string& text);
 
 // a{ss} of the given map, floating.
 GVariant* statusMapToVariant(const std::map<std::string, std::string>& statuses);
+
+// A store value that is the string of a received message itself (type "s";
+// the value takes over the reference): a value set over the bus is kept
+// without a copy of its own.
+SharedStatusValue statusValueFromVariant(GVariant* string);
+// A string variant of a store value (a full reference, not floating) that
+// shares the value's bytes wherever they are valid UTF-8 already.
+GVariant* statusValueToVariant(const SharedStatusValue& value);
+// a{ss} of shared values, floating; shares the values' bytes like statusValueToVariant.
+GVariant* sharedStatusMapToVariant(const SharedStatusMap& statuses);
 
 }  // namespace statusstore

@@ -27,7 +27,7 @@ class StatusStoreExporter : public StoreObserver {
   // Drops the name and the object and closes the connection. Idempotent.
   void stop();
 
-  void onStatusesChanged(const StatusMap& statuses) override;
+  void onSharedStatusesChanged(const SharedStatusMap& statuses) override;
   void onEventPosted(const std::string& name, const std::string& value) override;
 
  private:
