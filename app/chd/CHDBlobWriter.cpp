@@ -26,6 +26,15 @@ constexpr uint32_t kMaxReportingInterval = 43200;
 constexpr uint32_t kFirstBlobDelayFactor = 1000;
 constexpr uint32_t kNextBlobDelayFactor = 100;
 
+// Histories up to this size are published as soon as the incidents queued
+// before the publication have been handled; bigger ones once they have grown
+// by a quarter, and at the latest this long after their last change.
+constexpr size_t kAlwaysPublishedHistoryBytes = size_t{64} * 1024;
+constexpr unsigned kDeferredPublicationMs = 500;
+
+// Values are logged up to this many bytes: a status can be any size.
+constexpr size_t kLoggedValueBytes = 512;
+
 constexpr char kThreadName[] = "CHDBlobWriter";
 constexpr char kWriteBlobEvent[] = "Write CHD Blob Event";
 constexpr char kTrackedParameterEvent[] = "CHD Tracked Parameter Event";
@@ -91,6 +100,13 @@ const std::pair<const char*, uint32_t> kResolutionBitRows[] = {
     {"HDTV.TVResolutions.4320p", 64},
 };
 
+// Precision argument of "%.*s" for a value in a log message.
+int loggedLength(const std::string& value) { return static_cast<int>(std::min(value.size(), kLoggedValueBytes)); }
+
+// A fresh string instead of an assignment, which would keep the capacity of a
+// big earlier value for as long as the field lives.
+void replaceText(std::string& field, const std::string& value) { std::string(value).swap(field); }
+
 const std::string* findStatus(const StatusMap& statuses, const char* key) {
   const auto found = statuses.find(key);
   return found != statuses.end() ? &found->second : nullptr;
@@ -98,7 +114,7 @@ const std::string* findStatus(const StatusMap& statuses, const char* key) {
 
 void storeIfPresent(const StatusMap& statuses, const char* key, std::string& field) {
   if (const std::string* value = findStatus(statuses, key)) {
-    field = *value;
+    replaceText(field, *value);
   }
 }
 
@@ -108,10 +124,12 @@ void storeFlagIfPresent(const StatusMap& statuses, const char* key, const char* 
   }
 }
 
+// failureFormat takes the value as "%.*s".
 void parseNumberIfPresent(const StatusMap& statuses, const char* key, const char* failureFormat, uint32_t& number) {
   const std::string* value = findStatus(statuses, key);
   if (value != nullptr && !zuna_util::fromString(number, *value)) {
-    tl_log_print(kLogError, __PRETTY_FUNCTION__, __FILE__, __LINE__, failureFormat, value->c_str());
+    tl_log_print(kLogError, __PRETTY_FUNCTION__, __FILE__, __LINE__, failureFormat, loggedLength(*value),
+                 value->c_str());
   }
 }
 
@@ -198,6 +216,17 @@ void CHDBlobWriter::History::clear() {
   // Swapping gives a long period's buffer back instead of keeping its capacity.
   std::string("[]").swap(mText);
   mSize = 0;
+  mChanged = false;
+  mPublishedLength = 0;
+}
+
+void CHDBlobWriter::History::markPublished() {
+  mChanged = false;
+  mPublishedLength = mText.size();
+}
+
+bool CHDBlobWriter::History::worthPublishingNow() const {
+  return mText.size() <= kAlwaysPublishedHistoryBytes || mText.size() - mPublishedLength >= mPublishedLength / 4;
 }
 
 // ---------------------------------------------------------------------------
@@ -223,11 +252,14 @@ CHDBlobWriter::~CHDBlobWriter() {
   mEventThread->removeAgentsByReceiver(static_cast<IStatusUpdateListener*>(this));
   mEventThread->removeAgentsByReceiver(this);
   stop();
+  // Incidents already handled still reach their history statuses.
+  mEventThread->send(makeAgent<Tolvane::SyncEventAgent>(this, &CHDBlobWriter::publishAllChangedHistories));
   mEventThread->shutdown();
   mEventThread.reset();
 }
 
 void CHDBlobWriter::fillTables() {
+  forEachHistoryRow([this](const HistoryRow& row) { mHistoryStatusKeys[row.id] = row.statusKey; });
   mConnectionTable[kConnected] = "On";
   mConnectionTable["Common.NotConnected"] = "Off";
   for (const auto& row : kDisplayCodeRows) {
@@ -291,6 +323,8 @@ void CHDBlobWriter::createJSONCHDBlob(bool reschedule) {
   if (reschedule) {
     cancelPendingBlob();
   }
+  // The history statuses keep the period's last texts after the reset.
+  publishAllChangedHistories();
   const std::string blob = writeBlob();
   mStatusManager->postEvent(kWriteBlobEvent, blob, 0);
   reset();
@@ -518,9 +552,56 @@ void CHDBlobWriter::notifyEventPosted(std::string name, std::string value) {
 }
 
 void CHDBlobWriter::appendAndPublish(const HistoryRow& row, const std::string& data) {
-  History& history = mHistories[row.id];
-  updateCHDParameterTimestamp(history, data);
-  mStatusManager->setStatus(row.statusKey, history.text());
+  updateCHDParameterTimestamp(mHistories[row.id], data);
+  historyChanged(row.id);
+}
+
+// A publication queued behind the incidents that are waiting already covers
+// them all: readers see the newest text as soon as the queue ahead of it is
+// drained, and a burst costs one copy of the text instead of one per incident.
+void CHDBlobWriter::historyChanged(HistoryId id) {
+  mHistories[id].markChanged();
+  if (!mPublicationQueued) {
+    mPublicationQueued = true;
+    mEventThread->post(makeAgent<Tolvane::AsyncEventAgent>(this, &CHDBlobWriter::publishChangedHistories));
+  }
+}
+
+void CHDBlobWriter::publishChangedHistories() {
+  mPublicationQueued = false;
+  bool deferred = false;
+  for (size_t id = 0; id < kHistoryCount; ++id) {
+    if (!mHistories[id].changed()) {
+      continue;
+    }
+    if (mHistories[id].worthPublishingNow()) {
+      publishHistory(static_cast<HistoryId>(id));
+    } else {
+      deferred = true;
+    }
+  }
+  if (deferred && !mDeferredPublication) {
+    mDeferredPublication.reset(new Tolvane::AsyncEventAgent(this, &CHDBlobWriter::publishDeferredHistories));
+    mEventThread->postDelayed(mDeferredPublication, kDeferredPublicationMs);
+  }
+}
+
+void CHDBlobWriter::publishDeferredHistories() {
+  mDeferredPublication = nullptr;
+  publishAllChangedHistories();
+}
+
+void CHDBlobWriter::publishAllChangedHistories() {
+  for (size_t id = 0; id < kHistoryCount; ++id) {
+    if (mHistories[id].changed()) {
+      publishHistory(static_cast<HistoryId>(id));
+    }
+  }
+}
+
+void CHDBlobWriter::publishHistory(HistoryId id) {
+  mStatusManager->setStatus(mHistoryStatusKeys[id], mHistories[id].text());
+  mHistories[id].markPublished();
 }
 
 void CHDBlobWriter::updateCHDParameterTimestamp(History& history, const std::string& data) {
@@ -571,7 +652,7 @@ void CHDBlobWriter::notifyStatusChanged(StatusMap statuses) {
 
 void CHDBlobWriter::updateConnectionStatuses(const StatusMap& statuses) {
   if (const std::string* status = findStatus(statuses, kConnectionStatusKey)) {
-    mConnectionStatus = *status;
+    replaceText(mConnectionStatus, *status);
     if (mConnectionStatus == kConnected) {
       mStatusManager->resumeTimer(kConnectedTimer);
     } else {
@@ -588,13 +669,13 @@ void CHDBlobWriter::updateWifiStatuses(const StatusMap& statuses) {
     return;
   }
   storeIfPresent(statuses, kApMacAddressKey, mApMacAddress);
-  parseNumberIfPresent(statuses, kChannelKey, "Unable to parse wifi channel status [%s]", mChannel);
-  parseNumberIfPresent(statuses, kSnrKey, "Unable to parse wifi snr status [%s]", mSnr);
+  parseNumberIfPresent(statuses, kChannelKey, "Unable to parse wifi channel status [%.*s]", mChannel);
+  parseNumberIfPresent(statuses, kSnrKey, "Unable to parse wifi snr status [%.*s]", mSnr);
   storeIfPresent(statuses, kNetworkNameKey, mNetworkName);
   if (const std::string* color = findStatus(statuses, kFrontPanelColorKey)) {
     updateFrontPanelColor(*color);
   }
-  parseNumberIfPresent(statuses, kCongestionKey, "Unable to parse wifi congestion status [%s]", mCongestionCount);
+  parseNumberIfPresent(statuses, kCongestionKey, "Unable to parse wifi congestion status [%.*s]", mCongestionCount);
 }
 
 // A red or blinking front panel means a weak Wi-Fi signal. Every such
@@ -602,10 +683,9 @@ void CHDBlobWriter::updateWifiStatuses(const StatusMap& statuses) {
 void CHDBlobWriter::updateFrontPanelColor(const std::string& color) {
   if (color == "Red" || color == "Blink") {
     mLowRssiActive = true;
-    History& history = mHistories[kLowRssi];
-    updateCHDParameterTimestamp(history, std::string());
+    updateCHDParameterTimestamp(mHistories[kLowRssi], std::string());
     mStatusManager->resumeTimer(kLowRssiTimer);
-    mStatusManager->setStatus(kLowRssiHistory.statusKey, history.text());
+    historyChanged(kLowRssi);
   } else {
     mLowRssiActive = false;
     mStatusManager->pauseTimer(kLowRssiTimer);
@@ -615,12 +695,12 @@ void CHDBlobWriter::updateFrontPanelColor(const std::string& color) {
 void CHDBlobWriter::updateDisplayStatuses(const StatusMap& statuses) {
   storeIfPresent(statuses, kAspectRatioKey, mAspectRatio);
   if (const std::string* current = findStatus(statuses, kCurrentResolutionKey)) {
-    mCurrentResolution = *current;
-    TL_LOG(kLogDetail, "CURRENT_RESOLUTION = [%s]", mCurrentResolution.c_str());
+    replaceText(mCurrentResolution, *current);
+    TL_LOG(kLogDetail, "CURRENT_RESOLUTION = [%.*s]", loggedLength(mCurrentResolution), mCurrentResolution.c_str());
   }
   if (const std::string* selected = findStatus(statuses, kSelectedResolutionKey)) {
-    mSelectedResolution = *selected;
-    TL_LOG(kLogDetail, "SELECTED_RESOLUTION = [%s]", mSelectedResolution.c_str());
+    replaceText(mSelectedResolution, *selected);
+    TL_LOG(kLogDetail, "SELECTED_RESOLUTION = [%.*s]", loggedLength(mSelectedResolution), mSelectedResolution.c_str());
   }
   storeIfPresent(statuses, kLastRemoteKeyKey, mLastRemoteKey);
   if (const std::string* standby = findStatus(statuses, kInStandbyKey)) {

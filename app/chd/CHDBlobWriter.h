@@ -46,9 +46,9 @@ class CHDBlobWriter : public ConfigurationManagementListener, public IStatusUpda
 
  private:
   // One incident history, kept as the compact JSON text of its array. The
-  // history is published as that text after every append, and the blob holds
-  // it verbatim, so the text is all that is needed: a Json::Value per entry
-  // would cost several hundred bytes and a full rewrite per publication.
+  // history is published as that text, and the blob holds it verbatim, so the
+  // text is all that is needed: a Json::Value per entry would cost several
+  // hundred bytes and a full rewrite per publication.
   class History {
    public:
     History() { clear(); }
@@ -58,9 +58,20 @@ class CHDBlobWriter : public ConfigurationManagementListener, public IStatusUpda
     size_t size() const { return mSize; }
     const std::string& text() const { return mText; }
 
+    bool changed() const { return mChanged; }
+    void markChanged() { mChanged = true; }
+    void markPublished();
+    // Publishing copies the whole text to the store and every reader: a small
+    // text is always worth it, a big one once it has grown by a quarter since
+    // it was last published, so that a storm of incidents costs a bounded
+    // multiple of the text instead of one copy per incident.
+    bool worthPublishingNow() const;
+
    private:
     std::string mText;
     size_t mSize = 0;
+    bool mChanged = false;
+    size_t mPublishedLength = 0;
   };
 
   enum HistoryId : size_t {
@@ -123,6 +134,14 @@ class CHDBlobWriter : public ConfigurationManagementListener, public IStatusUpda
   void appendAndPublish(const HistoryRow& row, const std::string& data);
   static std::string styledHistory(const History& history);
 
+  // History publication: one queued publication covers every incident
+  // handled before it runs.
+  void historyChanged(HistoryId id);
+  void publishChangedHistories();
+  void publishDeferredHistories();
+  void publishAllChangedHistories();
+  void publishHistory(HistoryId id);
+
   // Status tracking.
   void updateConnectionStatuses(const StatusMap& statuses);
   void updateWifiStatuses(const StatusMap& statuses);
@@ -136,6 +155,9 @@ class CHDBlobWriter : public ConfigurationManagementListener, public IStatusUpda
   std::unique_ptr<Tolvane::EventThread> mEventThread;
   Tolvane::SmartPtr<Tolvane::AsyncEventAgent> mPendingBlobAgent;
   std::array<History, kHistoryCount> mHistories;
+  std::array<const char*, kHistoryCount> mHistoryStatusKeys{};
+  bool mPublicationQueued = false;
+  Tolvane::SmartPtr<Tolvane::AsyncEventAgent> mDeferredPublication;
   StatusManager* mStatusManager;
 
   std::string mConnectionStatus;

@@ -86,19 +86,100 @@ TEST_F(BlobHistoryTest, ThreeDroppedKeysHaveOrdinalsOneTwoThree) {
   EXPECT_EQ(3, log.count(6, "val: [\n"));
 }
 
-TEST_F(BlobHistoryTest, EveryAppendPublishesTheWholeHistory) {
-  track("Zuna Abort", 2);
+std::vector<std::string> publishedTexts(BlobCollector& collector, const std::string& key) {
   std::vector<std::string> published;
-  for (const StatusMap& update : mCollector->historyUpdates()) {
-    const auto found = update.find("Zuna Abort History");
+  for (const StatusMap& update : collector.historyUpdates()) {
+    const auto found = update.find(key);
     if (found != update.end()) {
       published.push_back(found->second);
     }
   }
+  return published;
+}
+
+TEST_F(BlobHistoryTest, EachHandledIncidentPublishesTheWholeHistory) {
+  track("Zuna Abort");
+  track("Zuna Abort");
+  const std::vector<std::string> published = publishedTexts(*mCollector, "Zuna Abort History");
   ASSERT_EQ(2u, published.size());
   EXPECT_EQ(1u, parse(published[0]).size());
   EXPECT_EQ(2u, parse(published[1]).size());
   EXPECT_EQ(0u, published[1].find(published[0].substr(0, published[0].size() - 1)));
+}
+
+// Incidents that wait for the writer together are published together: the
+// newest text carries them all, and the texts in between are skipped.
+TEST_F(BlobHistoryTest, IncidentsQueuedTogetherArePublishedOnce) {
+  mWriter->hold();
+  for (int i = 0; i < 5; ++i) {
+    mStore.postEvent(kTrackedEvent, "Zuna Abort", 0);
+  }
+  mWriter->release();
+  settle();
+  const std::vector<std::string> published = publishedTexts(*mCollector, "Zuna Abort History");
+  ASSERT_EQ(1u, published.size());
+  EXPECT_EQ(5u, parse(published[0]).size());
+  EXPECT_EQ(5u, body(blobNow())["C-ClientParameters"]["abort_count"].size());
+}
+
+class BigHistoryTest : public BlobWriterTest {
+ protected:
+  // Incidents queued while the writer is held, so that they are handled as one burst.
+  void burst(int incidents) {
+    mWriter->hold();
+    for (int i = 0; i < incidents; ++i) {
+      mStore.postEvent(kTrackedEvent, "Dropped Key", 0);
+    }
+    mWriter->release();
+    settle();
+  }
+
+  size_t publishedEntries() { return parse(mStore.getStatus("Dropped Key History")).size(); }
+  size_t publicationCount() { return publishedTexts(*mCollector, "Dropped Key History").size(); }
+
+  // Well over 64 KiB of history text.
+  static constexpr int kBigBurst = 3000;
+};
+
+TEST_F(BigHistoryTest, ABigHistoryIsRepublishedOnceItGrewByAQuarter) {
+  burst(kBigBurst);
+  ASSERT_EQ(1u, publicationCount());
+  EXPECT_EQ(size_t{kBigBurst}, publishedEntries());
+  burst(kBigBurst / 3);
+  EXPECT_EQ(2u, publicationCount());
+  EXPECT_EQ(size_t{kBigBurst + kBigBurst / 3}, publishedEntries());
+}
+
+TEST_F(BigHistoryTest, ASmallGrowthOfABigHistoryIsPublishedHalfASecondLater) {
+  burst(kBigBurst);
+  track("Dropped Key");
+  EXPECT_EQ(1u, publicationCount());
+  EXPECT_EQ(size_t{kBigBurst}, publishedEntries());
+  advance(499);
+  EXPECT_EQ(size_t{kBigBurst}, publishedEntries());
+  advance(1);
+  EXPECT_EQ(2u, publicationCount());
+  EXPECT_EQ(size_t{kBigBurst + 1}, publishedEntries());
+  advance(10000);
+  EXPECT_EQ(2u, publicationCount());
+}
+
+TEST_F(BigHistoryTest, ABlobPublishesWhatIsStillUnpublishedBeforeTheNewPeriod) {
+  burst(kBigBurst);
+  track("Dropped Key");
+  const Json::Value history = body(blobNow())["C-ClientParameters"]["DroppedKeys"];
+  EXPECT_EQ(size_t{kBigBurst + 1}, history.size());
+  EXPECT_EQ(compact(history), mStore.getStatus("Dropped Key History"));
+  // Nothing is left for the delayed publication to send.
+  advance(1000);
+  EXPECT_EQ(2u, publicationCount());
+}
+
+TEST_F(BigHistoryTest, AWriterThatGoesAwayPublishesWhatItHandled) {
+  burst(kBigBurst);
+  track("Dropped Key");
+  mWriter.reset();
+  EXPECT_EQ(size_t{kBigBurst + 1}, publishedEntries());
 }
 
 TEST_F(BlobHistoryTest, OrdinalsStartAgainAfterEachBlob) {

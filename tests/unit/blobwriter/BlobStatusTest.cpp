@@ -137,6 +137,19 @@ TEST_F(BlobStatusTest, ResolutionChangesAreLogged) {
   EXPECT_EQ(1, log.count(6, "SELECTED_RESOLUTION = [HDTV.TVResolutions.2160p]"));
 }
 
+// A status can be any size; its log line carries the first 512 bytes.
+TEST_F(BlobStatusTest, LongValuesAreClippedInLogLines) {
+  LogCapture log;
+  const std::string longValue = "HDTV." + std::string(100000, 'x');
+  setStatus("HDTV.TVResolutions.CurrentResolution", longValue);
+  setStatus("Channel", longValue);
+  EXPECT_EQ(1, log.count(6, "CURRENT_RESOLUTION = [" + longValue.substr(0, 512) + "]"));
+  EXPECT_EQ(1, log.count(0, "Unable to parse wifi channel status [" + longValue.substr(0, 512) + "]"));
+  // The value itself is kept whole.
+  setStatus("Last Remote Key", longValue);
+  EXPECT_EQ(longValue, body(blobNow())["Remote"]["LastCommand"].asString());
+}
+
 TEST_F(BlobStatusTest, BlobBuildingIsLogged) {
   LogCapture log;
   const std::string blob = blobNow();

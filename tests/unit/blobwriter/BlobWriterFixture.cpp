@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -82,9 +83,33 @@ void dump(const std::string& prefix, const std::string& text) {
 
 }  // namespace
 
+// Twice: the history publication that incidents queue while they are handled
+// runs after the agents that were queued with them, the first flush included.
 void TestableBlobWriter::flush() {
-  getEventDispatcher().send(
-      Tolvane::SmartPtr<Tolvane::EventAgent>(new Tolvane::SyncEventAgent(this, &TestableBlobWriter::noop)));
+  for (int round = 0; round < 2; ++round) {
+    getEventDispatcher().send(
+        Tolvane::SmartPtr<Tolvane::EventAgent>(new Tolvane::SyncEventAgent(this, &TestableBlobWriter::noop)));
+  }
+}
+
+void TestableBlobWriter::hold() {
+  {
+    const std::lock_guard<std::mutex> guard(mHoldMutex);
+    mHeld = true;
+  }
+  getEventDispatcher().post(
+      Tolvane::SmartPtr<Tolvane::EventAgent>(new Tolvane::AsyncEventAgent(this, &TestableBlobWriter::waitForRelease)));
+}
+
+void TestableBlobWriter::release() {
+  const std::lock_guard<std::mutex> guard(mHoldMutex);
+  mHeld = false;
+  mReleased.notify_all();
+}
+
+void TestableBlobWriter::waitForRelease() {
+  std::unique_lock<std::mutex> lock(mHoldMutex);
+  mReleased.wait_for(lock, std::chrono::seconds(10), [this] { return !mHeld; });
 }
 
 BlobCollector::BlobCollector(StatusManager& store) : mStore(store), mThread("BlobCollector", 0) {

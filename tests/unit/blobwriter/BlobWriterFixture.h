@@ -50,13 +50,22 @@ class FakePlatformSettings : public Tolvane::PlatformSettings {
   std::atomic<bool> mWifi{true};
 };
 
-// The writer with a way to wait until everything queued on its thread has run.
+// The writer with a way to wait until everything queued on its thread has run,
+// and to hold its thread while the test queues work behind it.
 class TestableBlobWriter : public CHDBlobWriter {
  public:
   void flush();
+  // The writer's thread waits (at most 10 s) until release().
+  void hold();
+  void release();
 
  private:
   void noop() {}
+  void waitForRelease();
+
+  std::mutex mHoldMutex;
+  std::condition_variable mReleased;
+  bool mHeld = false;
 };
 
 // Listens like any other component: on its own event thread.
