@@ -253,27 +253,33 @@ TEST_F(SettingsManagerTest, StartRemovesOnlyAbandonedTemporaryFiles) {
   EXPECT_FALSE(std::filesystem::exists(live));
 }
 
-// Run as a child process by the next test: saves one version after another until it is killed.
-TEST(SettingsSaverChild, SavesUntilKilled) {
-  const char* conf = std::getenv("CHD_SETTINGS_SAVER_CONF");
-  if (conf == nullptr) {
-    GTEST_SKIP()
-        << "only run as the child of SettingsManagerTest.KilledSavesNeverTearTheFileAndLeaveNothingAfterTheNextStart";
-  }
-  ASSERT_EQ(TLCOM::getComponentManager()->loadLibrary("libzunalui_settingsmanager.so"), 0);
+// Started again as a child process by the kill test below: saves one version after another until it is
+// killed, before any test runs.
+[[noreturn]] void saveUntilKilled(const char* conf, int first) {
+  TLCOM::getComponentManager()->loadLibrary("libzunalui_settingsmanager.so");
   HostPlatformSettings settings(conf);
   Tolvane::host::setPlatformSettingsForTest(&settings);
   SmartPtr<ISettingsManager> manager;
   TLCOM::GetServiceHelper("SettingsManagerProxy", "localui::ISettingsManager", manager);
-  ASSERT_FALSE(manager.isNull());
   const std::string padding(64 * 1024, 'p');  // long enough that a kill often lands inside a save
-  const int first = std::atoi(std::getenv("CHD_SETTINGS_SAVER_FIRST"));
-  for (int version = first; version < first + 100000; ++version) {
+  for (int version = first; !manager.isNull() && version < first + 100000; ++version) {
     manager->storeFileSetting("Padding", padding + std::to_string(version));
     manager->storeFileSetting("Version", std::to_string(version));
     manager->saveFileSettings();
   }
+  _exit(2);
 }
+
+bool startedAsSaver() {
+  const char* conf = std::getenv("CHD_SETTINGS_SAVER_CONF");
+  const char* first = std::getenv("CHD_SETTINGS_SAVER_FIRST");
+  if (conf != nullptr && first != nullptr) {
+    saveUntilKilled(conf, std::atoi(first));
+  }
+  return false;
+}
+
+const bool gStartedAsSaver = startedAsSaver();
 
 // The version in the settings file, or -1 before there is one.
 int savedVersion(const std::string& path) {
@@ -299,7 +305,6 @@ int countTemporaries(const std::string& directory) {
 TEST_F(SettingsManagerTest, KilledSavesNeverTearTheFileAndLeaveNothingAfterTheNextStart) {
   const std::string conf = mDir.path() + "/platform0.conf";
   const std::string directory = mDir.path() + "/lib/chd";
-  const std::string filter = "--gtest_filter=SettingsSaverChild.SavesUntilKilled";
   std::mt19937 random(12345);
   const int kKills = 100;
   int lastFirst = 0;
@@ -308,7 +313,7 @@ TEST_F(SettingsManagerTest, KilledSavesNeverTearTheFileAndLeaveNothingAfterTheNe
     lastFirst = kill * 1000000;
     const std::string confVar = "CHD_SETTINGS_SAVER_CONF=" + conf;
     const std::string firstVar = "CHD_SETTINGS_SAVER_FIRST=" + std::to_string(lastFirst);
-    char* const argv[] = {const_cast<char*>("/proc/self/exe"), const_cast<char*>(filter.c_str()), nullptr};
+    char* const argv[] = {const_cast<char*>("/proc/self/exe"), nullptr};
     char* const envp[] = {const_cast<char*>(confVar.c_str()), const_cast<char*>(firstVar.c_str()), nullptr};
     pid_t child = 0;
     posix_spawn_file_actions_t quiet;
