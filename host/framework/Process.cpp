@@ -6,10 +6,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <thread>
 
 extern char** environ;  // NOLINT(readability-redundant-declaration): POSIX declares it nowhere else
@@ -31,6 +33,8 @@ std::array<RunningCommand, kRunningSlots> gRunning;
 
 // Without a process descriptor the wait falls back to polling at this pace.
 constexpr std::chrono::milliseconds kPollStep{10};
+// One poll waits at most this long (ms), so that a limit of weeks does not overflow its argument.
+constexpr int64_t kLongestPoll = int64_t{3600} * 1000;
 
 RunningCommand* claimSlot(pid_t group) {
   for (RunningCommand& slot : gRunning) {
@@ -91,7 +95,7 @@ bool waitForEnd(pid_t pid, int processFd, std::chrono::steady_clock::time_point 
       continue;
     }
     pollfd readable{processFd, POLLIN, 0};
-    const int ready = poll(&readable, 1, static_cast<int>(left.count()) + 1);
+    const int ready = poll(&readable, 1, static_cast<int>(std::min<int64_t>(left.count(), kLongestPoll) + 1));
     if (ready > 0) {
       return true;
     }
