@@ -16,6 +16,7 @@ differs from the first one's.
 import hashlib
 import json
 import os
+import re
 import signal
 import subprocess
 import sys
@@ -56,6 +57,7 @@ SYSLOG_URI = "http://192.0.2.1/syslog/box.log"
 SCHEMA_FILE = os.path.join(SOURCE_DIR, "docs", "chd-blob.schema.json")
 BIG_LOG_BYTES = 20 * 1024 * 1024
 BLOB_FILE_NAME = "chd-blob.json"
+GUIDE_FILE = os.path.join(SOURCE_DIR, "docs", "server-guide.md")
 
 
 def chd_cp(*args, timeout=60):
@@ -120,6 +122,36 @@ class LineReader:
         self.proc.stdout.close()
         self.proc.stderr.close()
         return rc, err
+
+
+def guide_examples(text):
+    """The console examples of a document: [command, expected output lines], in order.
+
+    A command is a line "$ ..." (continued on the next lines while it ends in a
+    backslash); the lines up to the next command are its output."""
+    examples = []
+    in_block = False
+    for line in text.splitlines():
+        if line.startswith("```"):
+            in_block = line.startswith("```console")
+        elif in_block and line.startswith("$ "):
+            examples.append([line[2:], []])
+        elif in_block and examples[-1][0].endswith("\\") and not examples[-1][1]:
+            examples[-1][0] += "\n" + line
+        elif in_block:
+            examples[-1][1].append(line)
+    return examples
+
+
+def output_pattern(lines):
+    """A shown output as a regular expression: [...] is any text within a line, a line ... any lines."""
+    parts = []
+    for line in lines:
+        if line == "...":
+            parts.append(r"(?:[^\n]*\n)*?")
+        else:
+            parts.append(".*".join(re.escape(piece) for piece in line.rstrip().split("[...]")) + r"[ \t]*\n")
+    return "".join(parts)
 
 
 def one_error_line(test, stderr):
@@ -459,6 +491,28 @@ class ChdCpTest(unittest.TestCase):
             self.assertEqual((rc, out), (1, ""))
             one_error_line(self, err)
             self.assertIn("the box answered 404 Not Found for http://127.0.0.1:", err)
+
+
+    # -- the guide's examples ------------------------------------------------------
+    def test_server_guide_examples_run_as_shown(self):
+        with open(GUIDE_FILE) as f:
+            examples = guide_examples(f.read())
+        self.assertGreater(len(examples), 30)
+        env_vars = dict(os.environ, BOX="127.0.0.1",
+                        PATH=os.path.dirname(binary("chd-cp")) + os.pathsep + os.environ["PATH"])
+        with ChdEnv():
+            for command, expected in examples:
+                if not expected and (command.startswith("export ") or "() {" in command):
+                    # What the command exports (functions included) is there for the following ones.
+                    done = subprocess.run(["bash", "-c", command + "\nenv -0"], capture_output=True, env=env_vars,
+                                          timeout=120, check=True)
+                    env_vars = dict(item.decode().split("=", 1) for item in done.stdout.split(b"\0") if item)
+                    continue
+                done = subprocess.run(["bash", "-c", command], stdout=subprocess.PIPE,
+                                      stderr=subprocess.STDOUT, text=True, env=env_vars, timeout=120, check=False)
+                output = done.stdout if done.stdout.endswith("\n") or not done.stdout else done.stdout + "\n"
+                self.assertRegex(output, "^" + output_pattern(expected) + "$",
+                                 "the guide's example\n$ %s\nprinted\n%s" % (command, output))
 
 
 if __name__ == "__main__":

@@ -79,8 +79,9 @@ void printInfo(const Json::Value& info) {
   }
   for (const Json::Value& service : info["services"]) {
     printLine("service: " + service["serviceType"].asString());
-    printLine("  control " + service["controlUrl"].asString() + ", events " + service["eventUrl"].asString() +
-              ", description " + service["scpdUrl"].asString());
+    for (const char* key : {"serviceId", "controlUrl", "eventUrl", "scpdUrl"}) {
+      printLine(std::string("  ") + key + ": " + service[key].asString());
+    }
   }
   printLine("deviceStatus: " + info["deviceStatus"].asString());
   printLine("logUris:");
