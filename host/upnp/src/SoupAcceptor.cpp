@@ -74,6 +74,7 @@ void SoupAcceptor::pause() {
 }
 
 void SoupAcceptor::pauseUntilRoom() {
+  TL_LOG(5, "No room for another connection; accepting pauses until one ends");
   pause();
   ConnectionLimits::instance().whenRoom(this, [this] { listen(); });
 }
