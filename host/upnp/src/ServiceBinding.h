@@ -4,7 +4,6 @@
 
 #include <glib.h>
 
-#include <iterator>
 #include <map>
 #include <mutex>
 #include <string>
@@ -31,7 +30,7 @@ struct LocalService::Binding {
   ChangeSink* sink = nullptr;
   struct Subscription {
     gint64 expiry;      // monotonic microseconds
-    const void* owner;  // the interface stack that accepted it
+    const void* owner;  // the subscription policy (interface) that accepted it
   };
   std::map<std::string, Subscription> subscriptions;
 
@@ -46,12 +45,6 @@ struct LocalService::Binding {
   void unsubscribed(const std::string& sid) {
     std::lock_guard<std::mutex> lock(mutex);
     subscriptions.erase(sid);
-  }
-  void dropSubscriptionsOf(const void* owner) {
-    std::lock_guard<std::mutex> lock(mutex);
-    for (auto it = subscriptions.begin(); it != subscriptions.end();) {
-      it = it->second.owner == owner ? subscriptions.erase(it) : std::next(it);
-    }
   }
   bool hasSubscribers() const {
     std::lock_guard<std::mutex> lock(mutex);

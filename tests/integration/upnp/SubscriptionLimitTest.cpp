@@ -147,6 +147,25 @@ TEST_F(SubscriptionLimitTest, SubscriberWhoseCallbackRefusesIsDroppedAndNoLonger
   EXPECT_EQ(subscriber.unsubscribe(url, sid), 200u);
 }
 
+TEST_F(SubscriptionLimitTest, UnsubscribeBeforeTheFirstEventIsTakenEndsTheSubscription) {
+  const std::string url = eventUrl(device->calculator);
+  upnp_it::EventSubscriber subscriber(*controlPoint);
+  unsigned status = 0;
+  // This thread serves the subscriber's callback only in runUntil: the first
+  // event cannot be taken before the UNSUBSCRIBE is answered.
+  const std::string sid = subscriber.subscribe(url, status);
+  ASSERT_EQ(status, 200u);
+  EXPECT_EQ(subscriber.unsubscribe(url, sid), 200u);
+  EXPECT_TRUE(controlPoint->runUntil([&] { return !device->calculator->hasSubscribers(); }, 5000));
+  const size_t seen = subscriber.events().size();
+  EXPECT_LE(seen, 1u);
+  device->calculator->getVars().setValue("Total", "21");
+  device->calculator->sendChangedVars();
+  controlPoint->runUntil([] { return false; }, 500);  // an event would arrive in this time
+  EXPECT_EQ(subscriber.events().size(), seen);
+  EXPECT_EQ(renew(url, sid), 412u);
+}
+
 TEST_F(SubscriptionLimitTest, TheRelayTakesOnlyEventsOfKnownSubscriptions) {
   // Only events from the stack's own address are taken there (the test runs
   // on that address), and only for subscriptions the stack holds: any other
