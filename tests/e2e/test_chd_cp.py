@@ -470,6 +470,14 @@ class ChdCpTest(unittest.TestCase):
             with open(saved, "rb") as f:
                 self.assertEqual(hashlib.sha256(f.read()).hexdigest(), digest.hexdigest())
 
+            # On a terminal a large file shows its progress (on stderr), up to 100 %.
+            tty = subprocess.run(["script", "-qec", "%s logs 127.0.0.1 messages -o %s" % (binary("chd-cp"), out_dir),
+                                  "/dev/null"], capture_output=True, text=True, timeout=300, check=False)
+            self.assertEqual(tty.returncode, 0, tty.stdout)
+            self.assertIn("messages: 100% 20.0/20.0 MiB", tty.stdout)
+            with open(saved, "rb") as f:
+                self.assertEqual(hashlib.sha256(f.read()).hexdigest(), digest.hexdigest())
+
             # All files the box lists as paths; the refreshed ones are generated on request.
             every_dir = os.path.join(env.tmp, "every")
             rc, out, err = chd_cp("logs", "127.0.0.1", "-o", every_dir, "--json", timeout=300)

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstddef>
 #include <map>
 #include <set>
 
@@ -49,11 +50,21 @@ struct RawOptions {
 
 std::vector<std::string> givenOptions(const RawOptions& raw) {
   std::vector<std::string> given;
-  if (raw.output != nullptr) given.emplace_back("output");
-  if (raw.wait != kUnset) given.emplace_back("wait");
-  if (raw.forSeconds != kUnset) given.emplace_back("for");
-  if (raw.depth != G_MININT) given.emplace_back("depth");
-  if (raw.json != FALSE) given.emplace_back("json");
+  if (raw.output != nullptr) {
+    given.emplace_back("output");
+  }
+  if (raw.wait != kUnset) {
+    given.emplace_back("wait");
+  }
+  if (raw.forSeconds != kUnset) {
+    given.emplace_back("for");
+  }
+  if (raw.depth != G_MININT) {
+    given.emplace_back("depth");
+  }
+  if (raw.json != FALSE) {
+    given.emplace_back("json");
+  }
   return given;
 }
 
@@ -156,7 +167,8 @@ CommandLine parseCommandLine(int argc, char** argv) {
   if (takesBox && words.size() > 1) {
     line.box = words[1];
   }
-  line.args.assign(words.begin() + std::min<size_t>(words.size(), takesBox ? 2 : 1), words.end());
+  const auto firstArg = static_cast<std::ptrdiff_t>(std::min<size_t>(words.size(), takesBox ? 2 : 1));
+  line.args.assign(words.begin() + firstArg, words.end());
   if (!takesBox && !line.args.empty() && shapes().count(line.command) != 0) {
     throw Failure(kExitUsage, line.command + " takes no argument");
   }

@@ -15,6 +15,7 @@ namespace {
 constexpr gsize kBlockSize = gsize{1} << 20;
 // Progress is shown only for files at least this large.
 constexpr int64_t kProgressThreshold = int64_t{8} << 20;
+constexpr double kMiB = 1048576.0;
 
 class Progress {
  public:
@@ -23,7 +24,7 @@ class Progress {
   void update(uint64_t bytes) {
     if (mShown) {
       fprintf(stderr, "\r%s: %3d%% %.1f/%.1f MiB", mLabel.c_str(), static_cast<int>(bytes * 100 / mTotal),
-              bytes / 1048576.0, mTotal / 1048576.0);
+              static_cast<double>(bytes) / kMiB, static_cast<double>(mTotal) / kMiB);
     }
   }
   ~Progress() {

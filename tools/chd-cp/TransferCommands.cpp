@@ -115,7 +115,10 @@ void logsCommand(const Box& box, Actions& actions, const CommandLine& line) {
       item["bytes"] = Json::UInt64(got.bytes);
       list.append(item);
     } else {
-      printLine(entry + " -> " + path + " (" + std::to_string(got.bytes) + " bytes)");
+      std::string text = entry;
+      text += " -> " + path;
+      text += " (" + std::to_string(got.bytes) + " bytes)";
+      printLine(text);
     }
   }
   if (line.json) {
