@@ -181,9 +181,13 @@ bool LocalStatusManager::wantsAnyOf(const Listener& listener, const SharedStatus
 
 void LocalStatusManager::postEvent(const std::string& name, const std::string& value, int /*option*/) {
   Lock lock(mMutex);
+  std::shared_ptr<const PostedEvent> event;
   for (auto& [listener, entry] : mListeners) {
     if (entry.eventNames.count(name) != 0) {
-      entry.dispatcher->post(Tolvane::SmartPtr<Tolvane::EventAgent>(new EventPostedAgent(listener, name, value)));
+      if (!event) {
+        event = std::make_shared<const PostedEvent>(PostedEvent{name, value});
+      }
+      entry.dispatcher->post(Tolvane::SmartPtr<Tolvane::EventAgent>(new EventPostedAgent(listener, event)));
     }
   }
   for (StoreObserver* observer : mObservers) {

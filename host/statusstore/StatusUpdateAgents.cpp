@@ -15,9 +15,14 @@ void StatusChangedAgent::run() {
   mListener->notifyStatusChanged(std::move(copy));
 }
 
-EventPostedAgent::EventPostedAgent(IStatusUpdateListener* listener, std::string name, std::string value)
-    : Tolvane::EventAgent(listener), mListener(listener), mName(std::move(name)), mValue(std::move(value)) {}
+EventPostedAgent::EventPostedAgent(IStatusUpdateListener* listener, std::shared_ptr<const PostedEvent> event)
+    : Tolvane::EventAgent(listener), mListener(listener), mEvent(std::move(event)) {}
 
-void EventPostedAgent::run() { mListener->notifyEventPosted(std::move(mName), std::move(mValue)); }
+void EventPostedAgent::run() {
+  std::string name = mEvent->name;
+  std::string value = mEvent->value;
+  mEvent.reset();
+  mListener->notifyEventPosted(std::move(name), std::move(value));
+}
 
 }  // namespace statusstore

@@ -23,15 +23,20 @@ class StatusChangedAgent : public Tolvane::EventAgent {
   std::shared_ptr<const SharedStatusMap> mStatuses;
 };
 
+struct PostedEvent {
+  std::string name;
+  std::string value;
+};
+
 class EventPostedAgent : public Tolvane::EventAgent {
  public:
-  EventPostedAgent(IStatusUpdateListener* listener, std::string name, std::string value);
+  // The event is shared with the other listeners' agents.
+  EventPostedAgent(IStatusUpdateListener* listener, std::shared_ptr<const PostedEvent> event);
   void run() override;
 
  private:
   IStatusUpdateListener* mListener;
-  std::string mName;
-  std::string mValue;
+  std::shared_ptr<const PostedEvent> mEvent;
 };
 
 }  // namespace statusstore
