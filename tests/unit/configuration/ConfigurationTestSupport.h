@@ -35,6 +35,11 @@ class ConfigurationManagementTestPeer {
   static const Service::StringMap& settings(Service& s) { return s.mSettings; }
   static const Service::StringMap& statuses(Service& s) { return s.mStatuses; }
   static const Service::StringMap& specialTranslations(Service& s) { return s.mSpecialTranslationMap; }
+  static const Service::StringMap& queryStatuses(Service& s) { return s.mUpnpToQueryStatusMap; }
+  static const Service::StringMap& timers(Service& s) { return s.mUpnpToTimerNameMap; }
+  static const Service::StringMap& counters(Service& s) { return s.mUpnpToCounterNameMap; }
+  static const Service::ValueListMap& upnpValues(Service& s) { return s.mUpnpValueMap; }
+  static const Service::ValueListMap& statusValues(Service& s) { return s.mStatusValueMap; }
   static int maxDepth(Service& s) { return s.mMaxDepth; }
   static Tolvane::EventThread& statusThread(Service& s) { return s.mStatusThread; }
   static Tolvane::Mutex& lock(Service& s) { return s.mLock; }
