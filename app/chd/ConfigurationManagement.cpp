@@ -72,7 +72,8 @@ class UpdateServiceParamAgent : public Tolvane::EventAgent {
  public:
   UpdateServiceParamAgent(ConfigurationManagementService* service, std::string key, std::string value, bool flag)
       : EventAgent(service), mService(service), mKey(std::move(key)), mValue(std::move(value)), mFlag(flag) {}
-  void run() override { mService->updateServiceParam(mKey, mValue, mFlag); }
+  // Runs once: the value, which may be large, moves on instead of being copied.
+  void run() override { mService->updateServiceParam(mKey, std::move(mValue), mFlag); }
 
  private:
   ConfigurationManagementService* mService;
@@ -295,8 +296,8 @@ void ConfigurationManagementService::checkChangedVars() {
 
 void ConfigurationManagementService::notifyStatusChanged(StatusMap statuses) {
   TL_TRACE();
-  for (const auto& status : statuses) {
-    updateServiceParam(status.first, status.second, false);
+  for (auto& status : statuses) {
+    updateServiceParam(status.first, std::move(status.second), false);
   }
 }
 
@@ -309,10 +310,10 @@ bool ConfigurationManagementService::updateServiceParam(std::string statusKey, s
         new UpdateServiceParamAgent(this, std::move(statusKey), std::move(value), flag)));
     return true;
   }
-  return applyServiceParam(statusKey, value);
+  return applyServiceParam(statusKey, std::move(value));
 }
 
-bool ConfigurationManagementService::applyServiceParam(const std::string& statusKey, const std::string& value) {
+bool ConfigurationManagementService::applyServiceParam(const std::string& statusKey, std::string value) {
   if (statusKey == "HDMI Plug") {
     mHdmiPlugged = (value == "Common.True");
   } else if (statusKey == "HDCP Failure") {
@@ -326,30 +327,32 @@ bool ConfigurationManagementService::applyServiceParam(const std::string& status
     return false;
   }
   const std::string path = mapped->second;
-  const std::string upnpValue = translateToUpnpValue(path, value);
-  if (!storeTrackedValue(path, upnpValue)) {
+  const bool widescreen = value == "HDTV.TVRatio.AspectRatio.Widescreen";
+  const std::string* stored = storeTrackedValue(path, translateToUpnpValue(path, std::move(value)));
+  if (stored == nullptr) {
     TL_LOG(2, "UPnP key [%s] is not tracked as setting or status!", path.c_str());
     return false;
   }
   // TV_FORMAT is in no reference table: it is derived from the aspect ratio
   // on locale 2 boxes only.
   if (statusKey == ASPECT_RATIO_KEY && Tolvane::PlatformSettings::getInstance()->getLocale() == 2) {
-    mStatuses["/vsp/HDTV/TV_FORMAT"] =
-        (value == "HDTV.TVRatio.AspectRatio.Widescreen") ? "Widescreen 16:9" : "Standard 4:3";
+    mStatuses["/vsp/HDTV/TV_FORMAT"] = widescreen ? "Widescreen 16:9" : "Standard 4:3";
   }
-  publishParameterUpdate(path, upnpValue);
+  publishParameterUpdate(path, *stored);
   return true;
 }
 
-bool ConfigurationManagementService::storeTrackedValue(const std::string& path, const std::string& upnpValue) {
+// The new value takes the old one's place whole, so a large value that is
+// replaced by a small one leaves no large buffer behind.
+const std::string* ConfigurationManagementService::storeTrackedValue(const std::string& path, std::string upnpValue) {
   for (StringMap* values : {&mStatuses, &mFileSettings, &mSettings}) {
     auto entry = values->find(path);
     if (entry != values->end()) {
-      entry->second = upnpValue;
-      return true;
+      entry->second = std::move(upnpValue);
+      return &entry->second;
     }
   }
-  return false;
+  return nullptr;
 }
 
 void ConfigurationManagementService::publishParameterUpdate(const std::string& path, const std::string& upnpValue) {

@@ -81,8 +81,8 @@ class ConfigurationManagementService : public zuna_upnp::LocalService, public IS
   void loadSettingsManager();
   void listenToStatusStore();
   void detach();
-  bool applyServiceParam(const std::string& statusKey, const std::string& value);
-  bool storeTrackedValue(const std::string& path, const std::string& upnpValue);
+  bool applyServiceParam(const std::string& statusKey, std::string value);
+  const std::string* storeTrackedValue(const std::string& path, std::string upnpValue);
   void publishParameterUpdate(const std::string& path, const std::string& upnpValue);
   std::string readValue(const std::string& path);
   zuna_upnp::UPnPReturn collectSetRequest(TiXmlElement* element, StatusMap& statusUpdates, StatusMap& fileUpdates);
