@@ -13,11 +13,14 @@ import urllib.parse
 from chdtest import ControlPoint
 
 
-def event_url(service_name, timeout=15):
-    """The event subscription URL of one of the daemon's services."""
+def event_urls(service_names, timeout=15):
+    """The event subscription URLs of the daemon's services, by name. One
+    control point finds them all: a second GUPnP context in the process tries
+    the first one's HTTP port again, which a callback server may hold by
+    then."""
     cp = ControlPoint()
     device = cp.find_device(timeout)
-    return ControlPoint.service(device, service_name).get_event_subscription_url()
+    return {name: ControlPoint.service(device, name).get_event_subscription_url() for name in service_names}
 
 
 class Publisher:

@@ -7,7 +7,7 @@ import time
 import unittest
 
 from chdtest import ChdEnv, iterate_until, main
-from genaclient import CallbackServer, Publisher, closed_port_url, descriptors, event_url, resident_kb
+from genaclient import CallbackServer, Publisher, closed_port_url, descriptors, event_urls, resident_kb
 
 PLATFORM = {"manufacturer": "Acme", "model": "ABC", "manufacturer_id": "42"}
 CAP = 32  # subscriptions per service (the stack's default)
@@ -19,7 +19,9 @@ class GenaTest(unittest.TestCase):
         self.env = ChdEnv(platform=PLATFORM, client_app=False)
         self.env.__enter__()
         self.addCleanup(self.env.__exit__, None, None, None)
-        self.bm = Publisher(event_url("BasicManagement"))
+        urls = event_urls(["BasicManagement", "ConfigurationManagement"])
+        self.bm = Publisher(urls["BasicManagement"])
+        self.cm = Publisher(urls["ConfigurationManagement"])
         self.witness = CallbackServer()
         self.addCleanup(self.witness.close)
         status, self.witness_sid = self.bm.subscribe(self.witness.url)
@@ -83,10 +85,9 @@ class GenaTest(unittest.TestCase):
         for sid in sids:
             self.assertEqual(self.bm.renew(sid), 200)
         # The cap is per service.
-        cm = Publisher(event_url("ConfigurationManagement"))
-        status, cm_sid = cm.subscribe(servers[-1].url)
+        status, cm_sid = self.cm.subscribe(servers[-1].url)
         self.assertEqual(status, 200)
-        self.assertEqual(cm.unsubscribe(cm_sid), 200)
+        self.assertEqual(self.cm.unsubscribe(cm_sid), 200)
         # A place freed is a place taken.
         self.assertEqual(self.bm.unsubscribe(sids[-1]), 200)
         self.assertEqual(self.bm.subscribe(servers[-1].url)[0], 200)
