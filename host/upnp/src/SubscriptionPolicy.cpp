@@ -161,7 +161,7 @@ void onRelayed(GObject* source, GAsyncResult* result, gpointer data) {
   if (body != nullptr) {
     g_bytes_unref(body);
   }
-  const bool cancelled = g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED);  // the policy is gone
+  const bool cancelled = g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED);  // subscriber or policy gone
   g_clear_error(&error);
   if (!cancelled) {
     job->policy->relayed(job->sid,
@@ -237,7 +237,7 @@ SubscriptionPolicy::~SubscriptionPolicy() {
   while (!mSubscribers.empty()) {
     drop(mSubscribers.begin()->first);
   }
-  // Relayed events still on their way are dropped with their sessions.
+  // This side's requests still on their way are dropped with the session.
   g_cancellable_cancel(mCancellable);
   g_object_unref(mCancellable);
   soup_session_abort(mRelaySession);
@@ -442,12 +442,15 @@ void SubscriptionPolicy::relayEvent(SoupServerMessage* msg) {
   }
   auto callback = subscriber->callbackBySeq.find(headerOf(headers, "SEQ"));
   if (callback != subscriber->callbackBySeq.end() && !subscriber->cancelled) {
-    pass(msg, callback->second);
+    if (subscriber->deliveries == nullptr) {
+      subscriber->deliveries = g_cancellable_new();
+    }
+    pass(msg, callback->second, subscriber->deliveries);
   }
   soup_server_message_set_status(msg, SOUP_STATUS_OK, nullptr);
 }
 
-void SubscriptionPolicy::pass(SoupServerMessage* event, const std::string& callback) {
+void SubscriptionPolicy::pass(SoupServerMessage* event, const std::string& callback, GCancellable* cancellable) {
   SoupMessage* msg = soup_message_new("NOTIFY", callback.c_str());
   if (msg == nullptr) {
     return;
@@ -461,7 +464,7 @@ void SubscriptionPolicy::pass(SoupServerMessage* event, const std::string& callb
   GBytes* body = soup_message_body_flatten(soup_server_message_get_request_body(event));
   soup_message_set_request_body_from_bytes(msg, headerOf(from, "Content-Type").c_str(), body);
   g_bytes_unref(body);
-  soup_session_send_and_read_async(mRelaySession, msg, G_PRIORITY_DEFAULT, mCancellable, onRelayed,
+  soup_session_send_and_read_async(mRelaySession, msg, G_PRIORITY_DEFAULT, cancellable, onRelayed,
                                    new RelayJob{this, headerOf(from, "SID")});
   g_object_unref(msg);
 }
@@ -487,6 +490,7 @@ void SubscriptionPolicy::relayed(const std::string& sid, guint status) {
 
 void SubscriptionPolicy::unsubscribeOnBehalf(const std::string& sid, Subscriber& subscriber) {
   subscriber.dropping = true;
+  cancelDeliveries(subscriber);
   subscriber.service->getBinding()->unsubscribed(sid);
   std::string path;
   for (const auto& entry : mServicesByPath) {
@@ -572,7 +576,16 @@ void SubscriptionPolicy::drop(const std::string& sid) {
     releaseHold(it->second);
   }
   it->second.service->getBinding()->unsubscribed(sid);
+  // Events still queued for it are not sent.
+  cancelDeliveries(it->second);
   mSubscribers.erase(it);
+}
+
+void SubscriptionPolicy::cancelDeliveries(Subscriber& subscriber) {
+  if (subscriber.deliveries != nullptr) {
+    g_cancellable_cancel(subscriber.deliveries);
+    g_clear_object(&subscriber.deliveries);
+  }
 }
 
 }  // namespace zuna_upnp

@@ -64,6 +64,7 @@ class SubscriptionPolicy {
     bool dropping = false;      // this side's UNSUBSCRIBE is on its way
     SoupServerMessage* heldUnsubscribe = nullptr;
     std::map<std::string, std::string> callbackBySeq;  // events on their way to the relay
+    GCancellable* deliveries = nullptr;                // its events the relay is passing on
   };
 
   // For the emission hooks and the server's signals (GLib thread).
@@ -88,7 +89,8 @@ class SubscriptionPolicy {
   void scheduleRelease();
   LocalService* serviceAt(SoupServerMessage* msg) const;
   bool refuseOverCap(SoupServerMessage* msg, LocalService* service);
-  void pass(SoupServerMessage* event, const std::string& callback);
+  void pass(SoupServerMessage* event, const std::string& callback, GCancellable* cancellable);
+  static void cancelDeliveries(Subscriber& subscriber);
   void unsubscribeOnBehalf(const std::string& sid, Subscriber& subscriber);
 
   SoupServer* mServer;
