@@ -427,7 +427,6 @@ class ChdCpTest(unittest.TestCase):
             path = os.path.join(env.log_path, BLOB_FILE_NAME)
             watch.wait_for(lambda line: line.endswith("BasicManagement LogURIs = %s,%s" % (SYSLOG_URI, path)), 10,
                            "the new LogURIs")
-            pulse = watch.wait_for(lambda line: " ChdBlobUpdated = " in line, 10, "the pulse")
             watch.wait_for(lambda line: line.endswith("ChdBlobUpdated = true"), 10, "ChdBlobUpdated true")
             pulse = [line.split(" = ")[1] for line in watch.lines if " ChdBlobUpdated = " in line]
             deadline = time.monotonic() + 10
