@@ -20,8 +20,8 @@ const char* const kIntroduction =
     "Every path of the ConfigurationManagement data model, on every kind of box.\n"
     "The platform's locale code and whether the box has Wi-Fi decide which paths\n"
     "exist: locale 0 stands for every code other than 1, 2 and 3 (captioning), the\n"
-    "codes 1, 2 and 3 replace captioning with subtitles, code 2 adds the TV format\n"
-    "and encoding, and a box with Wi-Fi adds the Wi-Fi figures.\n"
+    "codes 1, 2 and 3 replace captioning with subtitles, code 2 adds the TV\n"
+    "encoding, and a box with Wi-Fi adds the Wi-Fi figures.\n"
     "\n"
     "Columns:\n"
     "\n"
@@ -41,7 +41,7 @@ const char* const kIntroduction =
     "  value with 705. A settable path without a list takes any non-empty text,\n"
     "  stored as sent.\n"
     "- **Present**: the locale codes and Wi-Fi condition under which the path\n"
-    "  exists.\n"
+    "  exists; a path that differs between kinds of box has a row for each.\n"
     "\n"
     "GetValues shows a stored value that is not translated by a list only by its\n"
     "last dotted component (\"Common.True\" reads \"True\"), except the CEC active\n"
@@ -68,14 +68,24 @@ std::string valuesText(const PathEntry& entry) {
 
 // What a row says apart from its path and presence.
 std::string rowBody(const PathEntry& entry) {
-  return entry.source + " | " + code(entry.key) + " | " + (entry.settable ? "yes" : "no") + " | " + valuesText(entry);
+  std::string key = code(entry.key);
+  if (!entry.keyReaches.empty()) {
+    key += " (its changes reach " + code(entry.keyReaches) + ")";
+  }
+  std::string settable = entry.settable ? "yes" : "no";
+  if (entry.settable && entry.key.empty()) {
+    settable = "yes, without effect (no box key)";
+  }
+  return entry.source + " | " + key + " | " + settable + " | " + valuesText(entry);
 }
 
 std::string presenceText(const std::set<std::pair<int, bool>>& variants) {
   std::set<int> locales;
+  bool withWifi = false;
   bool withoutWifi = false;
   for (const auto& variant : variants) {
     locales.insert(variant.first);
+    withWifi = withWifi || variant.second;
     withoutWifi = withoutWifi || !variant.second;
   }
   std::string text;
@@ -87,7 +97,10 @@ std::string presenceText(const std::set<std::pair<int, bool>>& variants) {
       text += (locale == *locales.begin() ? "" : ", ") + std::to_string(locale);
     }
   }
-  return withoutWifi ? text : text + ", Wi-Fi only";
+  if (!withoutWifi) {
+    return text + ", Wi-Fi only";
+  }
+  return withWifi ? text : text + ", without Wi-Fi";
 }
 
 }  // namespace

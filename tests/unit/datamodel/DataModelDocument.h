@@ -13,6 +13,9 @@ struct PathEntry {
   std::string path;
   std::string source;  // file setting, setting, status, queried status, timer, counter
   std::string key;     // settings key, status key, timer or counter name
+  // For a status key that two paths share: the path its changes reach, when
+  // not this one.
+  std::string keyReaches;
   bool settable = false;
   std::vector<std::string> upnpValues;  // what the server reads and writes, when listed
   std::vector<std::string> boxValues;   // the box's value for each, same order (may be empty)

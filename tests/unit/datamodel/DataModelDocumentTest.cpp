@@ -56,6 +56,11 @@ class DataModelDocumentTest : public cmtest::ConfigurationTest {
         entry.key = lookup(*kind.second, path);
       }
     }
+    const std::string reaches = lookup(Peer::statusKeyToUpnp(cm), entry.key);
+    if (!entry.key.empty() && entry.source != "queried status" && entry.source != "timer" &&
+        entry.source != "counter" && reaches != path) {
+      entry.keyReaches = reaches;
+    }
     entry.settable = cm.isValidSettingPath(path) || cm.isValidFileSettingPath(path);
     entry.upnpValues = listFor(Peer::upnpValues(cm), path);
     entry.boxValues = listFor(Peer::statusValues(cm), entry.key);
