@@ -77,7 +77,7 @@ class ChdEnv:
     """A private bus, optionally the host client application, and chd."""
 
     def __init__(self, platform=None, settings=None, client_app=True, client_app_args=None, start=True,
-                 log_level=6, extra_env=None, nofile=None):
+                 log_level=6, extra_env=None, nofile=None, programs=None):
         self.tmp = tempfile.mkdtemp(prefix="chd-e2e-")
         self.log_path = os.path.join(self.tmp, "log")
         self.settings_file = os.path.join(self.tmp, "settings.conf")
@@ -91,6 +91,9 @@ class ChdEnv:
         self.log_level = log_level
         self.extra_env = extra_env or {}
         self.nofile = nofile  # chd's descriptor limit, when the test sets one
+        # Installed executables by name ("chd", "chd-client-app") instead of the build's; they must
+        # then find their libraries and components by themselves.
+        self.programs = programs or {}
         self.bus = None
         self.chd = None
         self.client = None
@@ -136,7 +139,8 @@ class ChdEnv:
         env["CHD_LOG_STDERR"] = "1"
         env["CHD_LOG_LEVEL"] = str(self.log_level)
         env["DBUS_SESSION_BUS_ADDRESS"] = self.bus_address
-        env["TLCOM_COMPONENT_PATH"] = os.path.join(BUILD_DIR, "lib")
+        if not self.programs:
+            env["TLCOM_COMPONENT_PATH"] = os.path.join(BUILD_DIR, "lib")
         env.update(self.extra_env)
         return env
 
@@ -151,7 +155,7 @@ class ChdEnv:
             None, None)
 
     def start_client_app(self, extra_args=None):
-        args = [binary("chd-client-app"), "--bus", self.bus_address] + self.client_app_args + (extra_args or [])
+        args = [self.program("chd-client-app"), "--bus", self.bus_address] + self.client_app_args + (extra_args or [])
         start = len(self.client_log())
         with open(self.client_log_file, "ab") as log:
             self.client = subprocess.Popen(args, env=self.env(), stdout=log, stderr=subprocess.STDOUT)
@@ -162,11 +166,14 @@ class ChdEnv:
 
     def start_chd(self, wait=True):
         with open(self.chd_log_file, "ab") as log:
-            self.chd = subprocess.Popen([binary("chd")], env=self.env(), stdout=subprocess.DEVNULL, stderr=log,
+            self.chd = subprocess.Popen([self.program("chd")], env=self.env(), stdout=subprocess.DEVNULL, stderr=log,
                                         preexec_fn=self._limit_descriptors)
         if wait:
             self.wait_log("Starting CHD Control", timeout=10)
             self.wait_for_name_owner(STORE_NAME, present=True, timeout=10)
+
+    def program(self, name):
+        return self.programs.get(name) or binary(name)
 
     def _limit_descriptors(self):
         if self.nofile is not None:
