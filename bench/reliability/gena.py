@@ -22,9 +22,10 @@ import time
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tests", "e2e"))
 
 from chdtest import ChdEnv  # noqa: E402
+from wireload import platform_with_port  # noqa: E402
 from genaclient import CallbackServer, Publisher, closed_port_url, descriptors, event_urls, resident_kb  # noqa: E402
 
-PLATFORM = {"manufacturer": "Acme", "model": "ABC", "manufacturer_id": "42"}
+PLATFORM = platform_with_port({"manufacturer": "Acme", "model": "ABC", "manufacturer_id": "42"})
 LIMIT = 100000
 
 
@@ -83,7 +84,7 @@ def main():
     attempts = count("GENA_ATTEMPTS", 20000)
     with ChdEnv(platform=PLATFORM, client_app=False, log_level=4) as env:
         pid = env.chd.pid
-        publisher = Publisher(event_urls(["BasicManagement"])["BasicManagement"])
+        publisher = Publisher(event_urls(env, ["BasicManagement"])["BasicManagement"])
         taker = CallbackServer()
         callbacks = [taker.url, closed_port_url()]
         churn(publisher, callbacks, min(2000, cycles))

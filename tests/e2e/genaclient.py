@@ -10,17 +10,19 @@ import os
 import threading
 import urllib.parse
 
-from chdtest import ControlPoint
+from wireload import Box
 
 
-def event_urls(service_names, timeout=15):
-    """The event subscription URLs of the daemon's services, by name. One
-    control point finds them all: a second GUPnP context in the process tries
-    the first one's HTTP port again, which a callback server may hold by
-    then."""
-    cp = ControlPoint()
-    device = cp.find_device(timeout)
-    return {name: ControlPoint.service(device, name).get_event_subscription_url() for name in service_names}
+def event_urls(env, service_names, timeout=15):
+    """The event subscription URLs of the daemon's services, by name, read
+    from its description on the stack's known port (the platform settings
+    of wireload.platform_with_port): no GUPnP context in the test process,
+    whose HTTP port a later one would try to take again."""
+    box = Box(env, timeout)
+    urls = {}
+    for service_type, path in box.event_url.items():
+        urls[service_type.split(":")[3]] = "http://127.0.0.1:%d%s" % (box.port, path)
+    return {name: urls[name] for name in service_names}
 
 
 class Publisher:

@@ -7,9 +7,10 @@ import time
 import unittest
 
 from chdtest import ChdEnv, iterate_until, main
+from wireload import platform_with_port
 from genaclient import CallbackServer, Publisher, closed_port_url, descriptors, event_urls, resident_kb
 
-PLATFORM = {"manufacturer": "Acme", "model": "ABC", "manufacturer_id": "42"}
+PLATFORM = platform_with_port({"manufacturer": "Acme", "model": "ABC", "manufacturer_id": "42"})
 CAP = 32  # subscriptions per service (the stack's default)
 BLOB_EVENT = "CHD Blob Updated Event"  # two BasicManagement events: true, then false
 
@@ -19,7 +20,7 @@ class GenaTest(unittest.TestCase):
         self.env = ChdEnv(platform=PLATFORM, client_app=False)
         self.env.__enter__()
         self.addCleanup(self.env.__exit__, None, None, None)
-        urls = event_urls(["BasicManagement", "ConfigurationManagement"])
+        urls = event_urls(self.env, ["BasicManagement", "ConfigurationManagement"])
         self.bm = Publisher(urls["BasicManagement"])
         self.cm = Publisher(urls["ConfigurationManagement"])
         self.witness = CallbackServer()

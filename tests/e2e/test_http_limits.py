@@ -19,6 +19,7 @@ IDLE_CONNECTIONS = int(os.environ.get("CHD_IDLE_CONNECTIONS", "1100"))
 SLOW_CONNECTIONS = int(os.environ.get("CHD_SLOW_CONNECTIONS", "100"))
 REQUEST_TIMEOUT_S = 10  # the daemon's limit for a whole request
 BIG_BODY = 50 << 20
+KEPT_ALIVE_CYCLES = int(os.environ.get("CHD_KEPT_ALIVE_CYCLES", "3000"))
 
 
 def send_body(port, path, size, headers, chunked=False):
@@ -184,6 +185,39 @@ class HttpLimitsTest(unittest.TestCase):
         self.assertGreater(len(body), 10 << 20)
         self.assertTrue(self.settle(lambda: rss_kib(self.box.pid) < before + 1024, 5),
                         "resident %d kB after, %d before" % (rss_kib(self.box.pid), before))
+
+    def test_a_kept_alive_connection_serves_many_requests_then_idles_out(self):
+        conn = http.client.HTTPConnection("127.0.0.1", self.box.port, timeout=10)
+        try:
+            for _ in range(50):
+                status, _body = self.box.get_values(connection=conn)
+                self.assertEqual(status, 200)
+            conn.request("GET", "/ManageableDevice/description.xml")
+            response = conn.getresponse()
+            self.assertEqual((response.status, response.getheader("Connection")), (200, None))
+            response.read()
+            # Idle past the request time limit: the daemon closes it.
+            self.assertTrue(closed_by_peer(conn.sock, REQUEST_TIMEOUT_S + 5))
+        finally:
+            conn.close()
+
+    def test_kept_alive_connections_closed_while_idle_cost_nothing(self):
+        def one_connection():
+            conn = http.client.HTTPConnection("127.0.0.1", self.box.port, timeout=10)
+            conn.request("GET", "/ManageableDevice/description.xml")
+            conn.getresponse().read()
+            conn.close()  # while the daemon waits for its next request
+
+        for _ in range(500):
+            one_connection()
+        time.sleep(0.5)
+        before, fds_before = rss_kib(self.box.pid), fd_count(self.box.pid)
+        for _ in range(KEPT_ALIVE_CYCLES):
+            one_connection()
+        self.assertTrue(self.settle(lambda: fd_count(self.box.pid) <= fds_before, 5))
+        growth = rss_kib(self.box.pid) - before
+        print("%d kept-alive connections closed while idle: resident %+d kB" % (KEPT_ALIVE_CYCLES, growth))
+        self.assertLess(growth, 1024)
 
     def test_a_normal_request_still_fits(self):
         body = envelope(CM_TYPE, "GetValues", [("Parameters", WHOLE_TREE)])

@@ -96,8 +96,8 @@ class Box:
             if own:
                 conn.close()
 
-    def get_values(self, paths_xml=WHOLE_TREE, timeout=10):
-        return self.soap(CM_TYPE, "GetValues", [("Parameters", paths_xml)], timeout)
+    def get_values(self, paths_xml=WHOLE_TREE, timeout=10, connection=None):
+        return self.soap(CM_TYPE, "GetValues", [("Parameters", paths_xml)], timeout, connection)
 
     def get_log_uris(self, timeout=10):
         return self.soap(BM_TYPE, "GetLogURIs", [], timeout)

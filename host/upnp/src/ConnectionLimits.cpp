@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <list>
 #include <map>
+#include <memory>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -89,7 +90,11 @@ struct ConnectionLimits::State {
   GSource* deadlineTimer = nullptr;
   bool trimScheduled = false;
   std::map<const void*, std::function<void()>> waiters;
-  std::map<SoupServer*, std::pair<int, std::vector<gulong>>> watched;
+  struct Watch {
+    int users = 0;
+    std::vector<gulong> handlers;
+  };
+  std::map<SoupServer*, Watch> watched;
 
   static void socketGone(gpointer data, GObject* where) {
     static_cast<State*>(data)->untrack(reinterpret_cast<GSocket*>(where));  // NOLINT: only the address is used
@@ -207,6 +212,17 @@ struct ConnectionLimits::State {
     }
   }
 
+  // A kept-alive connection waits for its next request: the same limits as
+  // a new one (the request time limit is its idle time-out).
+  void waitingAgain(GSocket* socket) {
+    auto found = bySocket.find(socket);
+    if (found != bySocket.end()) {
+      found->second->requestRead = false;
+      found->second->acceptedUs = g_get_monotonic_time();
+      watchDeadlines();
+    }
+  }
+
   static gboolean onTrim(gpointer data) {
     auto* state = static_cast<State*>(data);
     state->trimScheduled = false;
@@ -279,6 +295,85 @@ void onRequestStarted(SoupServer* /*server*/, SoupServerMessage* msg, gpointer /
   g_signal_connect(msg, "got-headers", G_CALLBACK(checkDeclaredBody), nullptr);
 }
 
+// libsoup 3.2 never frees a kept-alive connection that its client closes
+// while it waits for the next request (fixed in 3.3): the message it reads
+// the next request into has no completion handler until its first byte
+// arrives. So libsoup never holds an idle connection here: when an answer
+// has been written on a connection the client keeps alive, the stack takes
+// the connection back and hands it to the server as a new one, whose first
+// request libsoup does follow to the end, closed or not.
+struct KeptAlive {
+  SoupServer* server;
+  GIOStream* connection;
+};
+
+GIOStream* baseStreamOf(GIOStream* stolen) {
+  GIOStream* base = nullptr;
+  if (g_object_class_find_property(G_OBJECT_GET_CLASS(stolen), "base-iostream") != nullptr) {
+    g_object_get(stolen, "base-iostream", &base, nullptr);
+  }
+  return base != nullptr ? base : G_IO_STREAM(g_object_ref(stolen));
+}
+
+gboolean acceptAgain(gpointer data) {
+  std::unique_ptr<KeptAlive> kept(static_cast<KeptAlive*>(data));
+  GSocket* socket = G_IS_SOCKET_CONNECTION(kept->connection)
+                        ? g_socket_connection_get_socket(G_SOCKET_CONNECTION(kept->connection))
+                        : nullptr;
+  GSocketAddress* local = socket != nullptr ? g_socket_get_local_address(socket, nullptr) : nullptr;
+  GSocketAddress* remote = socket != nullptr ? g_socket_get_remote_address(socket, nullptr) : nullptr;
+  if (local != nullptr && remote != nullptr && ConnectionLimits::instance().serves(kept->server)) {
+    ConnectionLimits::instance().waitingAgain(socket);
+    soup_server_accept_iostream(kept->server, kept->connection, local, remote, nullptr);
+  } else {
+    g_io_stream_close(kept->connection, nullptr, nullptr);
+  }
+  g_clear_object(&local);
+  g_clear_object(&remote);
+  g_object_unref(kept->connection);
+  g_object_unref(kept->server);
+  return G_SOURCE_REMOVE;
+}
+
+// HTTP/1.1 keeps a connection unless either side said "close" (or the answer
+// ends with the connection). HTTP/1.0 connections are left to libsoup, which
+// closes them, as it closes every connection it is left with here.
+bool clientKeepsAlive(SoupServerMessage* msg) {
+  SoupMessageHeaders* answer = soup_server_message_get_response_headers(msg);
+  return soup_server_message_get_http_version(msg) == SOUP_HTTP_1_1 &&
+         soup_message_headers_get_encoding(answer) != SOUP_ENCODING_EOF &&
+         !soup_message_headers_header_contains(soup_server_message_get_request_headers(msg), "Connection", "close") &&
+         !soup_message_headers_header_contains(answer, "Connection", "close");
+}
+
+void keepAliveAfterAnswer(SoupServerMessage* msg, gpointer data) {
+  auto* server = static_cast<SoupServer*>(data);
+  if (!clientKeepsAlive(msg)) {
+    return;  // libsoup closes it
+  }
+  // A stolen exchange ends without libsoup's request-finished; its watchers
+  // (subscriptions, memory) are told here, as libsoup would have.
+  g_signal_emit_by_name(server, "request-finished", msg);
+  GIOStream* stolen = soup_server_message_steal_connection(msg);
+  if (stolen == nullptr) {
+    return;
+  }
+  // libsoup's wrapper does not close the socket connection when it goes.
+  auto* kept = new KeptAlive{SOUP_SERVER(g_object_ref(server)), baseStreamOf(stolen)};
+  g_object_unref(stolen);
+  // After libsoup has unwound from this answer.
+  GSource* source = g_idle_source_new();
+  g_source_set_priority(source, G_PRIORITY_HIGH);
+  g_source_set_callback(source, acceptAgain, kept, nullptr);
+  g_source_attach(source, g_main_context_get_thread_default());
+  g_source_unref(source);
+}
+
+void onRequestStartedKeepingAlive(SoupServer* server, SoupServerMessage* msg, gpointer data) {
+  onRequestStarted(server, msg, data);
+  g_signal_connect(msg, "wrote-body", G_CALLBACK(keepAliveAfterAnswer), server);
+}
+
 void onRequestRead(SoupServer* server, SoupServerMessage* msg, gpointer data) {
   stateOf(data)->requestRead(server, msg);
 }
@@ -349,13 +444,14 @@ void ConnectionLimits::relieveDescriptorPressure() {
   }
 }
 
-void ConnectionLimits::watchServer(SoupServer* server) {
-  auto& watch = mState->watched[server];
-  if (watch.first++ > 0) {
+void ConnectionLimits::watchServer(SoupServer* server, bool keepAlive) {
+  State::Watch& watch = mState->watched[server];
+  if (watch.users++ > 0) {
     return;
   }
-  watch.second = {
-      g_signal_connect(server, "request-started", G_CALLBACK(onRequestStarted), mState),
+  GCallback started = keepAlive ? G_CALLBACK(onRequestStartedKeepingAlive) : G_CALLBACK(onRequestStarted);
+  watch.handlers = {
+      g_signal_connect(server, "request-started", started, mState),
       g_signal_connect(server, "request-read", G_CALLBACK(onRequestRead), mState),
       g_signal_connect(server, "request-finished", G_CALLBACK(onRequestEnded), mState),
       g_signal_connect(server, "request-aborted", G_CALLBACK(onRequestEnded), mState),
@@ -364,15 +460,19 @@ void ConnectionLimits::watchServer(SoupServer* server) {
 
 void ConnectionLimits::unwatchServer(SoupServer* server) {
   auto found = mState->watched.find(server);
-  if (found == mState->watched.end() || --found->second.first > 0) {
+  if (found == mState->watched.end() || --found->second.users > 0) {
     return;
   }
-  for (gulong handler : found->second.second) {
+  for (gulong handler : found->second.handlers) {
     g_signal_handler_disconnect(server, handler);
   }
   mState->watched.erase(found);
 }
 
 size_t ConnectionLimits::openConnections() const { return mState->connections.size(); }
+
+bool ConnectionLimits::serves(SoupServer* server) const { return mState->watched.count(server) > 0; }
+
+void ConnectionLimits::waitingAgain(GSocket* socket) { mState->waitingAgain(socket); }
 
 }  // namespace zuna_http::host

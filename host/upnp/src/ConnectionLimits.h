@@ -13,7 +13,9 @@
 //   a request, accepting pauses until one ends (never a busy loop);
 // - a request body above a bound is answered 413 without being kept;
 // - after an exchange with a large request or answer, freed memory is given
-//   back to the system, so one large answer does not stay resident.
+//   back to the system, so one large answer does not stay resident;
+// - a connection kept alive by its client waits for its next request under
+//   the same time limit, and costs nothing once the client closes it.
 //
 // GLib thread only: the acceptors and libsoup's signals all run there.
 #pragma once
@@ -55,10 +57,15 @@ class ConnectionLimits {
   void relieveDescriptorPressure();
 
   // Watches the requests of server: marks when each is read, refuses large
-  // bodies, gives memory back after large exchanges. Counted: the last
-  // unwatchServer for a server removes the handlers.
-  void watchServer(SoupServer* server);
+  // bodies, gives memory back after large exchanges, and with keepAlive
+  // keeps the connections that clients keep alive (see ConnectionLimits.cpp
+  // for why the stack, not libsoup, holds them between requests). Counted:
+  // the last unwatchServer for a server removes the handlers.
+  void watchServer(SoupServer* server, bool keepAlive);
   void unwatchServer(SoupServer* server);
+  bool serves(SoupServer* server) const;
+  // A kept-alive connection of that socket waits for its next request.
+  void waitingAgain(GSocket* socket);
 
   size_t openConnections() const;
 

@@ -130,7 +130,7 @@ bool InterfaceStack::start(const StackSettings& settings) {
     TL_LOG(0, "No HTTP listener on [%s] [%s]", mName.c_str(), mAddress.c_str());
     return false;
   }
-  zuna_http::host::answerEscapingPathsWithNotFoundAndCloseConnections(mServer);
+  zuna_http::host::answerEscapingPathsWithNotFound(mServer);
   zuna_http::host::skipUserAgentGuesses(mServer);
   mSubscriptions = std::make_unique<SubscriptionPolicy>(mServer, mAddress, port);
   TL_LOG(5, "UPnP stack on [%s] [%s] port [%u]", mName.c_str(), mAddress.c_str(), port);

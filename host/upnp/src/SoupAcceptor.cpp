@@ -38,10 +38,10 @@ constexpr unsigned kDescriptorPauseMs = 100;
 
 }  // namespace
 
-SoupAcceptor::SoupAcceptor(SoupServer* server, GSocket* listening)
+SoupAcceptor::SoupAcceptor(SoupServer* server, GSocket* listening, bool keepAlive)
     : mServer(SOUP_SERVER(g_object_ref(server))), mListening(listening) {
   g_socket_set_blocking(mListening, FALSE);
-  ConnectionLimits::instance().watchServer(mServer);
+  ConnectionLimits::instance().watchServer(mServer, keepAlive);
   listen();
 }
 
@@ -98,7 +98,8 @@ gboolean SoupAcceptor::onPauseOver(gpointer data) {
 
 std::unique_ptr<SoupAcceptor> SoupAcceptor::forSocket(SoupServer* server, int fd) {
   GSocket* listening = socketFromCopyOf(fd);
-  return listening == nullptr ? nullptr : std::unique_ptr<SoupAcceptor>(new SoupAcceptor(server, listening));
+  // The private listeners' providers close each connection after their answer.
+  return listening == nullptr ? nullptr : std::unique_ptr<SoupAcceptor>(new SoupAcceptor(server, listening, false));
 }
 
 std::vector<std::unique_ptr<SoupAcceptor>> SoupAcceptor::takeOver(SoupServer* server) {
@@ -110,7 +111,7 @@ std::vector<std::unique_ptr<SoupAcceptor>> SoupAcceptor::takeOver(SoupServer* se
       // per request from 16 threads overflows it and waits for a SYN retry.
       g_socket_set_listen_backlog(listening, kStackListenBacklog);
       g_socket_listen(listening, nullptr);
-      acceptors.emplace_back(new SoupAcceptor(server, listening));
+      acceptors.emplace_back(new SoupAcceptor(server, listening, true));
     }
   }
   g_slist_free(listeners);

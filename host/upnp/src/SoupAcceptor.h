@@ -31,7 +31,7 @@ class SoupAcceptor {
   SoupAcceptor& operator=(const SoupAcceptor&) = delete;
 
  private:
-  SoupAcceptor(SoupServer* server, GSocket* listening);
+  SoupAcceptor(SoupServer* server, GSocket* listening, bool keepAlive);
   static gboolean onIncoming(GSocket* listening, GIOCondition condition, gpointer data);
   static gboolean onPauseOver(gpointer data);
   void acceptPending();

@@ -104,12 +104,6 @@ void addCloseHeader(SoupServer* /*server*/, SoupServerMessage* msg, gpointer /*d
   soup_message_headers_replace(soup_server_message_get_response_headers(msg), "Connection", "close");
 }
 
-// One handler for both: every request pays for each handler of the signal.
-void watchHeadersAndAddCloseHeader(SoupServer* server, SoupServerMessage* msg, gpointer data) {
-  watchHeaders(server, msg, data);
-  addCloseHeader(server, msg, data);
-}
-
 void markMissingUserAgent(SoupServer* /*server*/, SoupServerMessage* msg, gpointer /*data*/) {
   SoupMessageHeaders* headers = soup_server_message_get_request_headers(msg);
   if (soup_message_headers_get_one(headers, "User-Agent") == nullptr) {
@@ -136,8 +130,8 @@ void closeConnectionsAfterEachResponse(SoupServer* server) {
   g_signal_connect(server, "request-started", G_CALLBACK(addCloseHeader), nullptr);
 }
 
-void answerEscapingPathsWithNotFoundAndCloseConnections(SoupServer* server) {
-  g_signal_connect(server, "request-started", G_CALLBACK(watchHeadersAndAddCloseHeader), nullptr);
+void answerEscapingPathsWithNotFound(SoupServer* server) {
+  g_signal_connect(server, "request-started", G_CALLBACK(watchHeaders), nullptr);
 }
 
 }  // namespace zuna_http::host

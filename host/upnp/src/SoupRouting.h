@@ -32,17 +32,13 @@ void removeProviderRoute(SoupServer* server, const std::string& base);
 // Requests without the header get an empty one before any handler runs.
 void skipUserAgentGuesses(SoupServer* server);
 
-// The stack serves one request per connection (see SoupAcceptor: without a
-// listener of its own libsoup closes every connection after its response,
-// which also keeps it clear of libsoup 3.2's leak of idle kept-alive
-// connections that clients close); this tells the clients so.
+// The private listeners serve one request per connection (the web providers
+// close theirs after each answer); this tells the clients so.
 void closeConnectionsAfterEachResponse(SoupServer* server);
 
-// closeConnectionsAfterEachResponse, and for servers that decode paths:
-// libsoup refuses a path that decodes to "/../" or holds a bad escape with
-// 400 before any handler sees it; such a path leaves the root and is
-// answered 404 like every other path that does. One handler does both, as
-// every request pays for each handler of the signal.
-void answerEscapingPathsWithNotFoundAndCloseConnections(SoupServer* server);
+// For servers that decode paths: libsoup refuses a path that decodes to
+// "/../" or holds a bad escape with 400 before any handler sees it; such a
+// path leaves the root and is answered 404 like every other path that does.
+void answerEscapingPathsWithNotFound(SoupServer* server);
 
 }  // namespace zuna_http::host

@@ -114,7 +114,7 @@ TEST_F(UpnpStackTest, DescriptionsComeFromMemory) {
   upnp_it::HttpResult description = controlPoint->get(location);
   EXPECT_EQ(description.status, 200u);
   EXPECT_EQ(description.body, device->getXML());
-  EXPECT_EQ(description.connectionHeader, "close");
+  EXPECT_EQ(description.connectionHeader, "");  // kept alive
   EXPECT_EQ(controlPoint->get(base + device->getDescriptionURL()).body, device->getXML());
   upnp_it::HttpResult scpd = controlPoint->get(base + device->calculator->getSCPDURL());
   EXPECT_EQ(scpd.status, 200u);
