@@ -14,6 +14,7 @@ PACKAGES=(
   dbus dbus-daemon dbus-bin
   python3 python3-gi gir1.2-gupnp-1.6 gir1.2-gssdp-1.6 gir1.2-glib-2.0 python3-jsonschema
   gssdp-tools iproute2 curl procps psmisc tar util-linux gdb
+  systemd libxml2-utils dpkg-dev file lintian
 )
 
 BENCH_PACKAGES=(wrk nginx-light minidlna rygel smem linux-perf valgrind)
