@@ -1,8 +1,8 @@
 """The service units and the status store's D-Bus policy, as installed.
 
 The units are checked by `systemd-analyze verify` (which needs no running
-systemd). The policy is loaded by a real dbus-daemon, the way the system bus
-includes it, and its decisions are observed from clients running as different
+systemd). The policy is loaded by a real dbus-daemon after the system bus's default
+policy, the way the system bus includes it, and its decisions are observed from clients running as different
 users: in a copy of the policy, the daemon's user stands for `chd` and a
 second user's primary group for the `chd` group, as those need not exist on
 the machine running the test.
@@ -29,10 +29,12 @@ BUS_CONFIG = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-BUS Bus Config
 <busconfig>
   <listen>unix:path={socket}</listen>
   <auth>EXTERNAL</auth>
+  <!-- The system bus's own default policy (dbus's system.conf): no name
+       may be owned and no method called unless a service's policy allows it. -->
   <policy context="default">
     <allow user="*"/>
-    <allow own="*"/>
-    <allow send_type="method_call"/>
+    <deny own="*"/>
+    <deny send_type="method_call"/>
     <allow send_type="signal"/>
     <allow send_requested_reply="true" send_type="method_return"/>
     <allow send_requested_reply="true" send_type="error"/>
@@ -40,6 +42,8 @@ BUS_CONFIG = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-BUS Bus Config
     <allow receive_type="method_return"/>
     <allow receive_type="error"/>
     <allow receive_type="signal"/>
+    <allow send_destination="org.freedesktop.DBus" send_interface="org.freedesktop.DBus"/>
+    <allow send_destination="org.freedesktop.DBus" send_interface="org.freedesktop.DBus.Introspectable"/>
   </policy>
   <include>{policy}</include>
 </busconfig>
