@@ -1,7 +1,11 @@
 #include "tolvane/Logging.h"
 
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <syslog.h>
 #include <unistd.h>
+
+#include <cerrno>
 
 #include <atomic>
 #include <condition_variable>
@@ -73,19 +77,46 @@ std::atomic<bool> gEchoSyslogToStderr{false};
 std::atomic<bool> gUseSyslog{false};
 std::once_flag gEnvironmentRead;
 
-void readEnvironment() {
+constexpr int kMaxLevel = 100;
+
+// Returns a warning when CHD_LOG_LEVEL is set but is not a level.
+std::string readEnvironment() {
   // NOLINTNEXTLINE(concurrency-mt-unsafe): the environment does not change while the process runs
   const char* level = std::getenv("CHD_LOG_LEVEL");
   char* end = nullptr;
   const long value = level != nullptr ? std::strtol(level, &end, 10) : kNoOverride;
-  const bool valid = level != nullptr && *level != '\0' && *end == '\0' && value >= 0 && value <= 100;
+  const bool valid = level != nullptr && *level != '\0' && *end == '\0' && value >= 0 && value <= kMaxLevel;
   gLevelOverride.store(valid ? static_cast<int>(value) : kNoOverride);
   // NOLINTNEXTLINE(concurrency-mt-unsafe): the environment does not change while the process runs
   const char* echo = std::getenv("CHD_LOG_STDERR");
   gEchoSyslogToStderr.store(echo != nullptr && std::strcmp(echo, "1") == 0);
+  if (level == nullptr || valid) {
+    return std::string();
+  }
+  return std::string("CHD_LOG_LEVEL [") + level + "] is not a level from 0 to " + std::to_string(kMaxLevel) +
+         "; the registered thresholds apply";
 }
 
-void ensureEnvironmentRead() { std::call_once(gEnvironmentRead, readEnvironment); }
+void writeLine(int level, const char* file, int line, const std::string& message);
+
+std::mutex gSyslogSocketMutex;
+std::string gSyslogSocket = _PATH_LOG;
+
+std::string syslogSocket() {
+  const std::lock_guard<std::mutex> guard(gSyslogSocketMutex);
+  return gSyslogSocket;
+}
+
+// The first read happens inside some message's threshold check, so its warning
+// is written directly: logging it would ask for the thresholds again.
+void ensureEnvironmentRead() {
+  std::call_once(gEnvironmentRead, [] {
+    const std::string warning = readEnvironment();
+    if (!warning.empty()) {
+      writeLine(2, __FILE__, __LINE__, warning);
+    }
+  });
+}
 
 int effectiveThreshold(const char* file) {
   ensureEnvironmentRead();
@@ -244,6 +275,13 @@ bool tl_log_enabled(int level, const char* file) {
 
 void logging_enable_syslog(int enable) {
   ensureEnvironmentRead();
+  // Without a system logger every message, the fatal ones included, would be
+  // lost: keep writing to standard error instead.
+  const std::string socket = syslogSocket();
+  if (enable != 0 && !Tolvane::host::syslogReachable(socket)) {
+    writeLine(2, __FILE__, __LINE__, "System log [" + socket + "] unreachable; logging to standard error");
+    return;
+  }
   if (enable != 0) {
     const int options = LOG_PID | (gEchoSyslogToStderr.load() ? LOG_PERROR : 0);
     openlog("chd", options, LOG_DAEMON);
@@ -270,7 +308,41 @@ namespace host {
 
 void reloadLoggingEnvironment() {
   ensureEnvironmentRead();
-  readEnvironment();
+  const std::string warning = readEnvironment();
+  if (!warning.empty()) {
+    TL_LOG(2, "%s", warning.c_str());
+  }
+}
+
+void setSyslogSocketForTest(const std::string& socketPath) {
+  const std::lock_guard<std::mutex> guard(gSyslogSocketMutex);
+  gSyslogSocket = socketPath;
+}
+
+bool syslogReachable(const std::string& socketPath) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (socketPath.size() >= sizeof address.sun_path) {
+    return false;
+  }
+  std::memcpy(address.sun_path, socketPath.c_str(), socketPath.size() + 1);
+  // The system logger listens on a datagram or a stream socket, as syslog(3) tries.
+  for (const int type : {SOCK_DGRAM, SOCK_STREAM}) {
+    const int fd = ::socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+      return false;
+    }
+    const bool connected = ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+    const int error = errno;
+    ::close(fd);
+    if (connected) {
+      return true;
+    }
+    if (error != EPROTOTYPE) {
+      return false;
+    }
+  }
+  return false;
 }
 
 int getLoggingThreshold(const char* file) { return effectiveThreshold(file); }

@@ -3,29 +3,25 @@
 #include <glib.h>
 
 #include "DescriptionXml.h"
+#include "tolvane/Logging.h"
+#include "tolvane_host/HostPlatformSettings.h"
 
 namespace zuna_upnp {
 
 namespace {
 
-// A name-based (version 5 style) UUID: the same host and device type always
-// give the same UDN, so control points recognise the device after a restart.
-std::string nameBasedUuid(const std::string& name) {
-  GChecksum* checksum = g_checksum_new(G_CHECKSUM_SHA1);
-  static const char kNamespace[] = "chd.upnp.device";
-  g_checksum_update(checksum, reinterpret_cast<const guchar*>(kNamespace), sizeof kNamespace - 1);
-  g_checksum_update(checksum, reinterpret_cast<const guchar*>(name.data()), static_cast<gssize>(name.size()));
-  guint8 digest[20];
-  gsize length = sizeof digest;
-  g_checksum_get_digest(checksum, digest, &length);
-  g_checksum_free(checksum);
-  digest[6] = static_cast<guint8>((digest[6] & 0x0f) | 0x50);
-  digest[8] = static_cast<guint8>((digest[8] & 0x3f) | 0x80);
-  char text[37];
-  g_snprintf(text, sizeof text, "%02x%02x%02x%02x-%02x%02x-%02x%02x-%02x%02x-%02x%02x%02x%02x%02x%02x", digest[0],
-             digest[1], digest[2], digest[3], digest[4], digest[5], digest[6], digest[7], digest[8], digest[9],
-             digest[10], digest[11], digest[12], digest[13], digest[14], digest[15]);
-  return text;
+// The box's identity (machine id, else MAC address) rather than its host name:
+// boxes made from one image share the host name but must not share a UDN.
+std::string boxIdentity() {
+  auto* settings = dynamic_cast<Tolvane::host::HostPlatformSettings*>(Tolvane::PlatformSettings::getInstance());
+  std::string identity = settings != nullptr
+                             ? settings->getBoxIdentity()
+                             : Tolvane::host::readBoxIdentity(Tolvane::host::defaultMachineIdFiles(), "/sys/class/net");
+  if (identity.empty()) {
+    identity = std::string("host:") + g_get_host_name();
+    TL_LOG(2, "No machine id and no MAC address; the UDN follows the host name [%s]", g_get_host_name());
+  }
+  return identity;
 }
 
 }  // namespace
@@ -60,7 +56,7 @@ const TypeID& LocalDevice::getTypeID() const { return mImpl->typeId; }
 void LocalDevice::makeURLs() { mImpl->descriptionPath = "/" + mImpl->typeId.getName() + "/description.xml"; }
 
 void LocalDevice::makeUDN() {
-  mImpl->udn = "uuid:" + nameBasedUuid(std::string(g_get_host_name()) + "/" + mImpl->typeId.toString());
+  mImpl->udn = "uuid:" + Tolvane::host::deviceUuid(boxIdentity(), mImpl->typeId.toString());
 }
 
 const std::string& LocalDevice::getUDN() const { return mImpl->udn; }

@@ -1,5 +1,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstdlib>
@@ -8,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "TempDir.h"
 #include "tolvane/Logging.h"
 #include "tolvane_host/LoggingControl.h"
 
@@ -172,10 +176,90 @@ TEST_F(LoggingTest, ObserversComeAndGoWhileOtherThreadsLog) {
   }
 }
 
-TEST_F(LoggingTest, SyslogEchoesToStandardErrorWhenAsked) {
+// A socket bound at path()/log standing in for the system logger's.
+class FakeSyslogSocket {
+ public:
+  explicit FakeSyslogSocket(int type) : mPath(mDir.path() + "/log"), mFd(::socket(AF_UNIX, type, 0)) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    mPath.copy(address.sun_path, sizeof address.sun_path - 1);
+    mBound = ::bind(mFd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
+             (type != SOCK_STREAM || ::listen(mFd, 1) == 0);
+  }
+  ~FakeSyslogSocket() { ::close(mFd); }
+  FakeSyslogSocket(const FakeSyslogSocket&) = delete;
+  FakeSyslogSocket& operator=(const FakeSyslogSocket&) = delete;
+  const std::string& path() const { return mPath; }
+  bool bound() const { return mBound; }
+
+ private:
+  framework_test::TempDir mDir;
+  std::string mPath;
+  int mFd;
+  bool mBound = false;
+};
+
+TEST_F(LoggingTest, SyslogIsReachableOnlyWhereALoggerListens) {
+  const FakeSyslogSocket datagram(SOCK_DGRAM);
+  const FakeSyslogSocket stream(SOCK_STREAM);
+  ASSERT_TRUE(datagram.bound() && stream.bound());
+  EXPECT_TRUE(Tolvane::host::syslogReachable(datagram.path()));
+  EXPECT_TRUE(Tolvane::host::syslogReachable(stream.path()));
+  EXPECT_FALSE(Tolvane::host::syslogReachable(datagram.path() + ".absent"));
+  EXPECT_FALSE(Tolvane::host::syslogReachable(std::string(200, 'x')));
+}
+
+TEST_F(LoggingTest, UnreachableSyslogKeepsFatalMessagesOnStandardError) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(
       {
+        unsetenv("CHD_LOG_STDERR");
+        Tolvane::host::reloadLoggingEnvironment();
+        Tolvane::host::setSyslogSocketForTest("/nonexistent/chd-test-log");
+        logging_enable_syslog(1);
+        TL_LOG(0, "fatal marker [%d]", 7);
+        std::exit(1);
+      },
+      ::testing::ExitedWithCode(1),
+      ::testing::AllOf(HasSubstr("System log [/nonexistent/chd-test-log] unreachable"), HasSubstr("fatal marker [7]")));
+}
+
+TEST_F(LoggingTest, LevelThatIsNotANumberIsWarnedAndIgnored) {
+  setenv("CHD_LOG_LEVEL", "loud", 1);
+  testing::internal::CaptureStderr();
+  Tolvane::host::reloadLoggingEnvironment();
+  EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("CHD_LOG_LEVEL [loud] is not a level"));
+  EXPECT_EQ(Tolvane::host::getLoggingThreshold(__FILE__), 2);
+  setenv("CHD_LOG_LEVEL", "101", 1);
+  testing::internal::CaptureStderr();
+  Tolvane::host::reloadLoggingEnvironment();
+  EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("CHD_LOG_LEVEL [101]"));
+  setenv("CHD_LOG_LEVEL", "3", 1);
+  testing::internal::CaptureStderr();
+  Tolvane::host::reloadLoggingEnvironment();
+  EXPECT_THAT(testing::internal::GetCapturedStderr(), Not(HasSubstr("CHD_LOG_LEVEL")));
+}
+
+TEST_F(LoggingTest, BadLevelIsWarnedOnTheFirstMessageToo) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  // A fresh process reads the environment on its first message.
+  EXPECT_EXIT(
+      {
+        setenv("CHD_LOG_LEVEL", "-3", 1);
+        execl("/proc/self/exe", "LoggingTest",
+              "--gtest_filter=LoggingTest.EnabledAnswersWhetherAMessageWouldBeWrittenOrObserved",
+              static_cast<char*>(nullptr));
+        std::exit(3);
+      },
+      ::testing::ExitedWithCode(0), HasSubstr("CHD_LOG_LEVEL [-3] is not a level"));
+}
+
+TEST_F(LoggingTest, SyslogEchoesToStandardErrorWhenAsked) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const FakeSyslogSocket logger(SOCK_DGRAM);
+  EXPECT_EXIT(
+      {
+        Tolvane::host::setSyslogSocketForTest(logger.path());
         setenv("CHD_LOG_STDERR", "1", 1);
         Tolvane::host::reloadLoggingEnvironment();
         logging_enable_syslog(1);

@@ -1,12 +1,16 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <mutex>
 #include <string>
+#include <vector>
 
 #include "TempDir.h"
+#include "tolvane/Logging.h"
 #include "tolvane_host/HostPlatformSettings.h"
 
 namespace {
@@ -16,6 +20,35 @@ using Tolvane::PlatformSettings;
 using Tolvane::host::HostPlatformSettings;
 
 bool isInterface(const std::string& name) { return std::filesystem::exists("/sys/class/net/" + name); }
+
+// The warnings logged while it is alive.
+class WarningLog {
+ public:
+  WarningLog()
+      : mId(logging_add_observer([this](int level, const std::string& /*file*/, const std::string& message) {
+          if (level <= 2) {
+            const std::lock_guard<std::mutex> guard(mMutex);
+            mWarnings.push_back(message);
+          }
+        })) {}
+  ~WarningLog() { logging_remove_observer(mId); }
+  WarningLog(const WarningLog&) = delete;
+  WarningLog& operator=(const WarningLog&) = delete;
+  std::vector<std::string> warnings() {
+    const std::lock_guard<std::mutex> guard(mMutex);
+    return mWarnings;
+  }
+
+ private:
+  std::mutex mMutex;
+  std::vector<std::string> mWarnings;
+  int mId;
+};
+
+using ::testing::AllOf;
+using ::testing::Contains;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
 
 TEST(PlatformSettingsTest, MissingFileGivesEveryDefault) {
   TempDir dir;
@@ -81,6 +114,57 @@ TEST(PlatformSettingsTest, EveryKeyIsRead) {
   EXPECT_EQ(settings.getStatusStoreBus(), "unix:path=/tmp/bus");
   EXPECT_EQ(settings.getSettingsFile(), "/tmp/settings.conf");
   EXPECT_EQ(settings.getConfigPath(), conf);
+}
+
+TEST(PlatformSettingsTest, UnknownGroupsAndKeysAreWarnedByName) {
+  TempDir dir;
+  const std::string conf = dir.write("platform.conf", "[platform]\nmodel=K47\nmodle=typo\nlog_path=" + dir.path() +
+                                                          "\n[statusstore]\nbus=none\nbuss=none\n[settngs]\nfile=x\n");
+  WarningLog log;
+  const HostPlatformSettings settings(conf);
+  EXPECT_EQ(settings.getStatusStoreBus(), "none");
+  const std::vector<std::string> warnings = log.warnings();
+  EXPECT_THAT(warnings, Contains(AllOf(HasSubstr("[modle]"), HasSubstr("[platform]"), HasSubstr("platform.conf"))));
+  EXPECT_THAT(warnings, Contains(AllOf(HasSubstr("[buss]"), HasSubstr("[statusstore]"))));
+  EXPECT_THAT(warnings, Contains(AllOf(HasSubstr("Unknown group [settngs]"), HasSubstr("platform.conf"))));
+  EXPECT_EQ(warnings.size(), 3U);
+}
+
+TEST(PlatformSettingsTest, KnownKeysGiveNoWarning) {
+  TempDir dir;
+  const std::string conf =
+      dir.write("platform.conf", "[platform]\nethernet_interface=lo\nmachine_id_file=" + dir.path() +
+                                     "/id\nlog_path=" + dir.path() + "\n[statusstore]\nbus=none\n[settings]\nfile=x\n");
+  WarningLog log;
+  const HostPlatformSettings settings(conf);
+  EXPECT_THAT(log.warnings(), IsEmpty());
+}
+
+TEST(PlatformSettingsTest, MissingInterfacesAreWarnedByName) {
+  TempDir dir;
+  const std::string conf = dir.write("platform.conf",
+                                     "[platform]\nethernet_interface=chd-nosuch0\nautoip_interface=chd-nosuch1\n"
+                                     "log_path=" +
+                                         dir.path() + "\n");
+  WarningLog log;
+  HostPlatformSettings settings(conf);
+  EXPECT_EQ(settings.getEthernetInterface(), "chd-nosuch0") << "kept: the interface may still appear";
+  EXPECT_THAT(log.warnings(), Contains(AllOf(HasSubstr("[chd-nosuch0]"), HasSubstr("ethernet_interface"))));
+  EXPECT_THAT(log.warnings(), Contains(AllOf(HasSubstr("[chd-nosuch1]"), HasSubstr("autoip_interface"))));
+}
+
+TEST(PlatformSettingsTest, NamedFileThatDoesNotExistExitsWithStatus2) {
+  TempDir dir;
+  EXPECT_EXIT(HostPlatformSettings(dir.path() + "/absent.conf", true), ::testing::ExitedWithCode(2),
+              "absent\\.conf.*does not exist");
+}
+
+TEST(PlatformSettingsTest, InstanceWithANamedMissingFileExitsWithStatus2) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  TempDir dir;
+  setenv("CHD_PLATFORM_CONFIG", (dir.path() + "/absent.conf").c_str(), 1);
+  EXPECT_EXIT(PlatformSettings::getInstance(), ::testing::ExitedWithCode(2), "absent\\.conf.*does not exist");
+  unsetenv("CHD_PLATFORM_CONFIG");
 }
 
 TEST(PlatformSettingsTest, NamedBusesAreAccepted) {
@@ -158,7 +242,7 @@ TEST(PlatformSettingsTest, TestSettingsReplaceTheInstanceUntilRestored) {
   EXPECT_EQ(PlatformSettings::getInstance(), &replacement);
   EXPECT_EQ(PlatformSettings::getInstance()->getModel(), "Replacement");
   Tolvane::host::setPlatformSettingsForTest(nullptr);
-  setenv("CHD_PLATFORM_CONFIG", (dir.path() + "/absent.conf").c_str(), 1);
+  setenv("CHD_PLATFORM_CONFIG", dir.write("empty.conf", "").c_str(), 1);
   EXPECT_EQ(PlatformSettings::getInstance(), Tolvane::host::getHostPlatformSettings());
   unsetenv("CHD_PLATFORM_CONFIG");
 }
