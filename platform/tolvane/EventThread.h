@@ -5,6 +5,20 @@
 // on its own thread: at once (FIFO) or after a delay in milliseconds measured
 // on the framework clock. Delayed agents that fall due at the same moment run
 // in the order they were posted.
+//
+// Contract:
+// - Every operation of a dispatcher is safe from any thread, its own
+//   included (send() on the own thread runs the agent directly instead of
+//   deadlocking).
+// - Agents are reference-counted: the dispatcher holds a reference from post
+//   until the agent has run or was removed, so a poster may drop its own at
+//   once. The agent's receiver is not owned: whoever destroys a receiver
+//   first calls removeAgentsByReceiver() on every dispatcher it used.
+// - Nothing is reported as an error: posts to a dispatcher that is shutting
+//   down are dropped, and an agent that throws ends the process (agents must
+//   not throw).
+// - The daemon creates the event threads "CM_StatusThread" and
+//   "CHDBlobWriter" and uses the services' dispatchers of the UPnP stack.
 #pragma once
 
 #include <functional>

@@ -1,4 +1,11 @@
 // Files and listening sockets of the Tolvane framework.
+//
+// Contract: an object belongs to the thread that uses it (no operation of one
+// object is called from two threads at once); different objects are
+// independent. Descriptors are opened close-on-exec, so collection scripts
+// never inherit them. Errors are results (false, negative counts), never
+// exceptions; errno tells the reason where the host implementation logs it.
+// The destructors close what is still open.
 #pragma once
 
 #include <cstddef>

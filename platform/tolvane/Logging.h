@@ -3,6 +3,15 @@
 // Levels: 0 errors, 2 warnings, 5 information, 6 detail, 7 traces.
 // A message is written when its level is at or below the threshold that its
 // source file registered (the platform may lower or raise all thresholds).
+//
+// Contract:
+// - Every function is safe from any thread, and from static initialisers and
+//   destructors (objects destroyed at exit still log).
+// - A message is one line; lines of concurrent threads are never mixed.
+// - Nothing is lost silently: when the system log cannot be reached,
+//   messages go to standard error instead, so a fatal start-up error is seen.
+// - Observers are called on the thread that logged, without a lock held; a
+//   message logged from inside an observer is not observed again.
 #pragma once
 
 #include <functional>

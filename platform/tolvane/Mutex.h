@@ -1,4 +1,12 @@
 // Mutexes and conditions of the Tolvane framework.
+//
+// Contract: the usual ones of a mutex and a condition variable. A Mutex is
+// locked and unlocked by the same thread; unlocking one that the thread does
+// not hold is undefined. Objects are created and destroyed by their owner
+// while no thread uses them. Nothing fails: lock() blocks, tryLock() says
+// false. The daemon waits on a Condition in two places: the main thread until
+// SIGTERM (signal() is then called without the mutex held, so the wait may
+// also end only with the process) and SetValues, at most 5000 ms.
 #pragma once
 
 #include <memory>

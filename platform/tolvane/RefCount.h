@@ -1,4 +1,10 @@
 // Intrusive reference counting of the Tolvane framework.
+//
+// Contract: ref() and unref() are safe from any thread; the thread that drops
+// the last reference deletes the object. A SmartPtr object itself belongs to
+// one thread at a time, like any value. Objects shared between the daemon's
+// components (the device, the network monitor, event agents, the settings
+// manager) are held this way; nothing else may delete them.
 #pragma once
 
 #include <atomic>

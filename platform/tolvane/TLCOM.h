@@ -1,5 +1,15 @@
 // Component manager of the Tolvane framework: loads component libraries and
 // hands out the named services that they register.
+//
+// Contract:
+// - getComponentManager() is one process-wide manager, never null; its
+//   operations are safe from any thread. The daemon loads one library,
+//   "libzunalui_settingsmanager.so", and asks for the service
+//   "SettingsManagerProxy" with interface "localui::ISettingsManager".
+// - Ownership: getService returns a new counted reference; the caller's
+//   SmartPtr owns it. Loaded libraries stay loaded until the process exits.
+// - Errors: loadLibrary returns non-zero and getService null; the manager
+//   logs the reason (the host manager names the library and dlerror()).
 #pragma once
 
 #include <string>

@@ -1,5 +1,20 @@
 // The UPnP stack's HTTP web server: providers answer GET requests on raw
 // connections, writing the response head and body themselves.
+//
+// Contract:
+// - One server per process (getSingleton(), never null, not destroyed by the
+//   daemon). registerProvider, unregisterSocket and unregisterProvider are
+//   safe from any thread.
+// - A request reaches a provider on a worker thread of the server, already
+//   parsed (method and normalised path); the provider owns neither the socket
+//   nor the request, which stay valid until handleRequest returns. Several
+//   requests may run in one provider at once.
+// - Providers and listening sockets are not owned: a provider must stay alive
+//   until unregisterProvider has returned (which waits for its requests), a
+//   socket until unregisterSocket has returned.
+// - Errors: registerProvider returns false (the daemon logs it); writes to a
+//   peer that went away return fewer bytes or a negative count, never raise
+//   SIGPIPE.
 #pragma once
 
 #include <cstddef>

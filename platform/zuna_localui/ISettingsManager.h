@@ -1,6 +1,15 @@
 // The client application's settings manager, offered by the component
 // library "libzunalui_settingsmanager.so" as service "SettingsManagerProxy"
 // with interface "localui::ISettingsManager".
+//
+// Contract:
+// - Reference-counted; the daemon holds the one it obtains through
+//   TLCOM::GetServiceHelper for the life of the process. Without it the
+//   daemon cannot run: it logs and exits with status 1.
+// - Every operation is safe from any thread; the daemon calls it from the
+//   configuration management service's dispatcher and its status thread.
+// - Errors: false (storeFileSetting, saveFileSettings) or "" (an unknown key);
+//   nothing is thrown. saveFileSettings writes all stored settings or none.
 #pragma once
 
 #include <string>

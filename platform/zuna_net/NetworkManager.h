@@ -1,4 +1,17 @@
 // Network interface monitor of the box.
+//
+// Contract:
+// - Reference-counted: created with new and held by SmartPtr; the last
+//   reference deletes it. The daemon creates one on the main thread, calls
+//   init() then start(), hands it to zuna_upnp::Controller::init(), and calls
+//   stop() on its SIGTERM thread before the process exits.
+// - Every operation is safe from any thread. init(), start() and stop()
+//   return true on success; the daemon logs nothing on false and carries on
+//   (a box without a monitor runs on the interfaces that exist at start).
+// - Observers are not owned. They are called on the monitor's own thread,
+//   never with a lock held that addObserver or removeObserver take; after
+//   removeObserver returns the observer is not called again and may be
+//   destroyed.
 #pragma once
 
 #include <memory>
@@ -22,8 +35,11 @@ class NetworkManager : public Tolvane::RefCount {
   };
 
   NetworkManager();
+  // Prepares the monitor (sockets, initial interface list). Called once.
   bool init();
+  // Starts watching; observers hear of changes from now on.
   bool start();
+  // Stops watching and joins the monitor's thread. Idempotent.
   bool stop();
 
   // Names of the interfaces that are up and have an IPv4 address.

@@ -3,6 +3,12 @@
 // Handler parameters are in- and out-arguments in declaration order: a value
 // parameter is an in-argument, a reference parameter an out-argument. The
 // supported types are std::string ("string") and unsigned ("ui4").
+//
+// Contract: actions are created on the main thread, handed to
+// LocalService::addAction (which owns them from then on) and invoked by the
+// stack on the service's dispatcher only, one at a time. The handler's
+// UPnPReturn is the answer: success, or UPnP error <code> <description>. A
+// handler must not throw.
 #pragma once
 
 #include <string>

@@ -1,5 +1,16 @@
 // The UPnP stack's controller: runs the stack on the box's interfaces and
 // publishes root devices and web providers.
+//
+// Contract:
+// - One instance per process (getInstance(), never null, never destroyed by
+//   the daemon). Every operation is safe from any thread.
+// - SSDP, device and service descriptions, SOAP control and GENA eventing are
+//   the stack's: the daemon hands it devices, services, typed actions and
+//   state variables, and never sees the protocols.
+// - Ownership: devices and web providers are not owned; they must outlive
+//   shutdown() (the daemon's do: they live until the process exits).
+// - Errors: operations return false and log; the daemon does not stop on a
+//   false from init() or addRootDevice() (a box may get its interface later).
 #pragma once
 
 #include <memory>
@@ -20,6 +31,7 @@ class RootDevice;
 
 class Controller {
  public:
+  // Called first on the main thread, before init().
   static Controller* getInstance();
 
   // Runs the stack on every listed interface that exists (empty names are

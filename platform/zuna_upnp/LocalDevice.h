@@ -1,4 +1,15 @@
 // A UPnP device published by this box.
+//
+// Contract:
+// - The daemon builds its device on the main thread in this order:
+//   setTypeID, makeURLs, makeUDN, setStrings, setFlags, addService (each
+//   service), genXMLDefinition, then Controller::addRootDevice. Afterwards
+//   the device is only read, from any thread (the stack's and the services'),
+//   so its getters need no lock as long as nothing is set after publishing.
+// - Ownership: the device owns the services added to it and deletes them in
+//   its destructor. The daemon's device is reference-counted and lives until
+//   the process exits.
+// - No operation fails; getters of unset values answer "".
 #pragma once
 
 #include <cstddef>
@@ -21,8 +32,11 @@ class LocalDevice {
   const TypeID& getTypeID() const;
   // The description URL path, derived from the type id.
   void makeURLs();
-  // A unique device name that stays the same across restarts of the same
-  // device type on the same host.
+  // Makes the unique device name ("uuid:" and a UUID) from the box's identity
+  // and the device type: unique per box, so that two boxes made from one
+  // image differ (never from the host name alone), and the same after every
+  // restart, so that control points recognise the box again. The host stack
+  // uses the machine id, else the first MAC address (docs/porting.md).
   void makeUDN();
   const std::string& getUDN() const;
   std::string getDescriptionURL() const;

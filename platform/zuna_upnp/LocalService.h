@@ -21,6 +21,18 @@ class RootDevice;
 // Actions of the service run on the service's own event dispatcher (one
 // thread per service), one at a time; a slow handler holds up no other
 // service. The stack marshals arguments and answers to and from the network.
+//
+// Contract:
+// - Set-up (type id, URLs, service id, spec, variables, actions, genSCPDXML)
+//   happens on the main thread before the device is published; afterwards
+//   only getVars(), sendChangedVars() and updateServiceParam() change the
+//   service, from any thread (Vars has its own lock).
+// - Ownership: the device that the service is added to owns it; the service
+//   owns its actions (addAction) and its dispatcher, which it shuts down in
+//   its destructor before its members go.
+// - An action handler may block its dispatcher (SetValues waits up to 5 s);
+//   the stack keeps answering other services and the network meanwhile, and
+//   answers the control point when the handler returns.
 class LocalService : public zuna_http::WebServiceProvider {
  public:
   LocalService(LocalDevice* parent, RootDevice* root);

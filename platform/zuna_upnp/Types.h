@@ -1,4 +1,9 @@
 // Basic types of the UPnP stack: results, type ids and state variables.
+//
+// Contract: UPnPReturn, TypeID and Var are plain values. Vars is the one
+// shared object here: every operation takes its own lock, so services set
+// variables from their dispatchers and status threads while the stack reads
+// them for events.
 #pragma once
 
 #include <memory>

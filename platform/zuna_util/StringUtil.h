@@ -1,4 +1,7 @@
 // Text conversions of the application library.
+//
+// Contract: pure functions, safe from any thread, no locale dependence, no
+// exceptions; failure is the false result.
 #pragma once
 
 #include <cstdint>
