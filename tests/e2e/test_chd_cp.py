@@ -9,8 +9,8 @@ The daemon reads /tmp/syslogUrisPath.txt and runs its collection scripts from
 /etc/utils (for `logs`). So that neither touches the host, this file re-runs
 itself in a private mount namespace where /tmp and /etc are overlaid by
 scratch layers, /etc/utils holding this tree's collection scripts. The second
-box runs in a UTS namespace of its own: its host name, and so its UDN,
-differs from the first one's.
+box has a machine id of its own, and so a UDN that differs from the first
+one's.
 """
 
 import hashlib
