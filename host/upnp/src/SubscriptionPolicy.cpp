@@ -154,6 +154,19 @@ struct RelayJob {
   std::string sid;
 };
 
+struct FirstEventJob {
+  SubscriptionPolicy* policy;
+  std::string sid;
+};
+
+gboolean onFirstEventDue(gpointer data) {
+  auto* job = static_cast<FirstEventJob*>(data);
+  job->policy->sendHeldFirstEvent(job->sid);  // destroys this source; the job goes with it
+  return G_SOURCE_REMOVE;
+}
+
+void deleteFirstEventJob(gpointer data) { delete static_cast<FirstEventJob*>(data); }
+
 void onRelayed(GObject* source, GAsyncResult* result, gpointer data) {
   std::unique_ptr<RelayJob> job(static_cast<RelayJob*>(data));
   GError* error = nullptr;
@@ -422,6 +435,12 @@ void SubscriptionPolicy::requestDone(SoupServerMessage* msg) {
   }
   const gint64 seconds = grantedSeconds(headerOf(answer, "Timeout"));
   subscriber->expiry = g_get_monotonic_time() + seconds * G_USEC_PER_SEC;
+  if (subscriber->answeredUs == 0) {
+    subscriber->answeredUs = g_get_monotonic_time();
+    if (subscriber->heldFirstEvent != nullptr) {
+      startFirstEventTimer(headerOf(answer, "SID"), *subscriber, mLimits.firstEventGapMs);
+    }
+  }
   subscriber->service->getBinding()->subscribed(headerOf(answer, "SID"), seconds, this);
 }
 
@@ -440,20 +459,25 @@ void SubscriptionPolicy::relayEvent(SoupServerMessage* msg) {
     soup_server_message_set_status(msg, SOUP_STATUS_PRECONDITION_FAILED, nullptr);
     return;
   }
-  auto callback = subscriber->callbackBySeq.find(headerOf(headers, "SEQ"));
+  const std::string seq = headerOf(headers, "SEQ");
+  auto callback = subscriber->callbackBySeq.find(seq);
   if (callback != subscriber->callbackBySeq.end() && !subscriber->cancelled) {
-    if (subscriber->deliveries == nullptr) {
-      subscriber->deliveries = g_cancellable_new();
+    if (SoupMessage* notify = notifyFor(msg, callback->second)) {
+      const std::string sid = headerOf(headers, "SID");
+      if (seq == "0") {
+        holdFirstEvent(notify, sid, *subscriber);
+      } else {
+        send(notify, sid, *subscriber);
+      }
     }
-    pass(msg, callback->second, subscriber->deliveries);
   }
   soup_server_message_set_status(msg, SOUP_STATUS_OK, nullptr);
 }
 
-void SubscriptionPolicy::pass(SoupServerMessage* event, const std::string& callback, GCancellable* cancellable) {
+SoupMessage* SubscriptionPolicy::notifyFor(SoupServerMessage* event, const std::string& callback) {
   SoupMessage* msg = soup_message_new("NOTIFY", callback.c_str());
   if (msg == nullptr) {
-    return;
+    return nullptr;
   }
   SoupMessageHeaders* from = soup_server_message_get_request_headers(event);
   SoupMessageHeaders* to = soup_message_get_request_headers(msg);
@@ -464,9 +488,65 @@ void SubscriptionPolicy::pass(SoupServerMessage* event, const std::string& callb
   GBytes* body = soup_message_body_flatten(soup_server_message_get_request_body(event));
   soup_message_set_request_body_from_bytes(msg, headerOf(from, "Content-Type").c_str(), body);
   g_bytes_unref(body);
-  soup_session_send_and_read_async(mRelaySession, msg, G_PRIORITY_DEFAULT, cancellable, onRelayed,
-                                   new RelayJob{this, headerOf(from, "SID")});
+  return msg;
+}
+
+// Takes msg.
+void SubscriptionPolicy::send(SoupMessage* msg, const std::string& sid, Subscriber& subscriber) {
+  if (subscriber.deliveries == nullptr) {
+    subscriber.deliveries = g_cancellable_new();
+  }
+  soup_session_send_and_read_async(mRelaySession, msg, G_PRIORITY_DEFAULT, subscriber.deliveries, onRelayed,
+                                   new RelayJob{this, sid});
   g_object_unref(msg);
+}
+
+// Takes msg. Sent once the SUBSCRIBE answer has been out for the gap; if the
+// answer has not been written yet, the gap starts when it is.
+void SubscriptionPolicy::holdFirstEvent(SoupMessage* msg, const std::string& sid, Subscriber& subscriber) {
+  const gint64 sinceAnswerMs =
+      subscriber.answeredUs != 0 ? (g_get_monotonic_time() - subscriber.answeredUs) / 1000 : gint64{-1};
+  if (sinceAnswerMs >= mLimits.firstEventGapMs) {
+    send(msg, sid, subscriber);
+    return;
+  }
+  if (subscriber.heldFirstEvent != nullptr) {
+    g_object_unref(subscriber.heldFirstEvent);
+  }
+  subscriber.heldFirstEvent = msg;
+  if (sinceAnswerMs >= 0) {
+    startFirstEventTimer(sid, subscriber, mLimits.firstEventGapMs - static_cast<unsigned>(sinceAnswerMs));
+  }
+}
+
+void SubscriptionPolicy::startFirstEventTimer(const std::string& sid, Subscriber& subscriber, unsigned delayMs) {
+  stopFirstEventTimer(subscriber);
+  subscriber.firstEventTimer = g_timeout_source_new(delayMs);
+  g_source_set_callback(subscriber.firstEventTimer, onFirstEventDue, new FirstEventJob{this, sid}, deleteFirstEventJob);
+  g_source_attach(subscriber.firstEventTimer, mContext);
+}
+
+void SubscriptionPolicy::stopFirstEventTimer(Subscriber& subscriber) {
+  if (subscriber.firstEventTimer != nullptr) {
+    g_source_destroy(subscriber.firstEventTimer);
+    g_source_unref(subscriber.firstEventTimer);
+    subscriber.firstEventTimer = nullptr;
+  }
+}
+
+void SubscriptionPolicy::sendHeldFirstEvent(const std::string& sid) {
+  Subscriber* subscriber = find(sid);
+  if (subscriber == nullptr) {
+    return;
+  }
+  stopFirstEventTimer(*subscriber);
+  SoupMessage* held = subscriber->heldFirstEvent;
+  subscriber->heldFirstEvent = nullptr;
+  if (held != nullptr && !subscriber->cancelled && !subscriber->dropping) {
+    send(held, sid, *subscriber);
+  } else if (held != nullptr) {
+    g_object_unref(held);
+  }
 }
 
 void SubscriptionPolicy::relayed(const std::string& sid, guint status) {
@@ -582,6 +662,8 @@ void SubscriptionPolicy::drop(const std::string& sid) {
 }
 
 void SubscriptionPolicy::cancelDeliveries(Subscriber& subscriber) {
+  stopFirstEventTimer(subscriber);
+  g_clear_object(&subscriber.heldFirstEvent);
   if (subscriber.deliveries != nullptr) {
     g_cancellable_cancel(subscriber.deliveries);
     g_clear_object(&subscriber.deliveries);

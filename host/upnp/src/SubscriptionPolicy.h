@@ -30,6 +30,11 @@ struct SubscriptionLimits {
   // one) is dropped then; once it has taken one, it is dropped when this
   // many events in a row reached none of its callbacks.
   unsigned failedEventsBeforeDrop = 3;
+  // The first event of a subscription leaves at least this long after the
+  // SUBSCRIBE answer: GUPnP's control point (1.6.3, what server boxes are
+  // built on) drops an event that it reads before that answer, without a
+  // word, and then waits for events that never come.
+  unsigned firstEventGapMs = 150;
   // How long one event delivery may take (connect, send, answer). GUPnP's
   // sessions have no time-out: a callback that never answers would hold its
   // delivery, and every later one to that host, for good.
@@ -65,6 +70,9 @@ class SubscriptionPolicy {
     SoupServerMessage* heldUnsubscribe = nullptr;
     std::map<std::string, std::string> callbackBySeq;  // events on their way to the relay
     GCancellable* deliveries = nullptr;                // its events the relay is passing on
+    gint64 answeredUs = 0;                             // when its SUBSCRIBE answer was written
+    SoupMessage* heldFirstEvent = nullptr;             // waits for the gap after that answer
+    GSource* firstEventTimer = nullptr;
   };
 
   // For the emission hooks and the server's signals (GLib thread).
@@ -75,6 +83,7 @@ class SubscriptionPolicy {
   void requestDone(SoupServerMessage* msg);
   void relayEvent(SoupServerMessage* msg);
   void relayed(const std::string& sid, guint status);
+  void sendHeldFirstEvent(const std::string& sid);
   void releaseHeldUnsubscribes();
   void dropExpired();
   void heldUnsubscribeGone(SoupServerMessage* msg);
@@ -89,7 +98,11 @@ class SubscriptionPolicy {
   void scheduleRelease();
   LocalService* serviceAt(SoupServerMessage* msg) const;
   bool refuseOverCap(SoupServerMessage* msg, LocalService* service);
-  void pass(SoupServerMessage* event, const std::string& callback, GCancellable* cancellable);
+  static SoupMessage* notifyFor(SoupServerMessage* event, const std::string& callback);
+  void send(SoupMessage* msg, const std::string& sid, Subscriber& subscriber);
+  void holdFirstEvent(SoupMessage* msg, const std::string& sid, Subscriber& subscriber);
+  void startFirstEventTimer(const std::string& sid, Subscriber& subscriber, unsigned delayMs);
+  static void stopFirstEventTimer(Subscriber& subscriber);
   static void cancelDeliveries(Subscriber& subscriber);
   void unsubscribeOnBehalf(const std::string& sid, Subscriber& subscriber);
 
