@@ -30,6 +30,9 @@ struct RunningCommand {
 
 constexpr size_t kRunningSlots = 64;
 std::array<RunningCommand, kRunningSlots> gRunning;
+// Counts aborts: a command spawned before an abort but registered after it
+// (its slot not yet claimed when the abort looked) kills itself.
+std::atomic<uint64_t> gAborts{0};
 
 // Without a process descriptor the wait falls back to polling at this pace.
 constexpr std::chrono::milliseconds kPollStep{10};
@@ -121,12 +124,17 @@ CommandResult runCommand(const std::string& command, std::chrono::milliseconds l
   CommandResult result;
   const auto deadline = std::chrono::steady_clock::now() + limit;
   pid_t pid = 0;
+  const uint64_t abortsBefore = gAborts.load();
   const int error = spawnShell(command, &pid);
   if (error != 0) {
     result.status = -error;
     return result;
   }
   RunningCommand* slot = claimSlot(pid);
+  if (slot != nullptr && gAborts.load() != abortsBefore) {
+    slot->abortedGroup.store(pid);
+    killpg(pid, SIGKILL);
+  }
   const int processFd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
   const bool ended = waitForEnd(pid, processFd, deadline);
   if (processFd >= 0) {
@@ -142,6 +150,7 @@ CommandResult runCommand(const std::string& command, std::chrono::milliseconds l
 }
 
 void abortRunningCommands() {
+  gAborts.fetch_add(1);
   for (RunningCommand& slot : gRunning) {
     const pid_t group = slot.group.load();
     if (group != 0) {
