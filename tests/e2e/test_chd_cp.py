@@ -55,7 +55,7 @@ from chdtest import ChdEnv, binary, main  # noqa: E402
 URI_FILE = "/tmp/syslogUrisPath.txt"
 SYSLOG_URI = "http://192.0.2.1/syslog/box.log"
 SCHEMA_FILE = os.path.join(SOURCE_DIR, "docs", "chd-blob.schema.json")
-BIG_LOG_BYTES = 20 * 1024 * 1024
+BIG_LOG_BYTES = 200 * 1024 * 1024
 BLOB_FILE_NAME = "chd-blob.json"
 GUIDE_FILE = os.path.join(SOURCE_DIR, "docs", "server-guide.md")
 
@@ -472,7 +472,7 @@ class ChdCpTest(unittest.TestCase):
             tty = subprocess.run(["script", "-qec", "%s logs 127.0.0.1 messages -o %s" % (binary("chd-cp"), out_dir),
                                   "/dev/null"], capture_output=True, text=True, timeout=300, check=False)
             self.assertEqual(tty.returncode, 0, tty.stdout)
-            self.assertIn("messages: 100% 20.0/20.0 MiB", tty.stdout)
+            self.assertIn("messages: 100% 200.0/200.0 MiB", tty.stdout)
             with open(saved, "rb") as f:
                 self.assertEqual(hashlib.sha256(f.read()).hexdigest(), digest.hexdigest())
 
