@@ -14,33 +14,16 @@ import os
 import re
 import socket
 import subprocess
-import sys
 import time
 import unittest
 
-PRIVATE_MARK = "CHD_BM_E2E_PRIVATE_MOUNTS"
 SOURCE_DIR = os.environ.get("CHD_SOURCE_DIR", os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", ".."))
 SCRIPTS_DIR = os.path.join(SOURCE_DIR, "host", "scripts", "utils")
 
-PRIVATE_SETUP = r"""
-set -e
-mkdir -p /mnt
-mount -t tmpfs chd-e2e-scratch /mnt
-mkdir -p /mnt/tmp-upper /mnt/tmp-work /mnt/etc-upper /mnt/etc-work
-mount -t overlay chd-e2e-tmp -o lowerdir=/tmp,upperdir=/mnt/tmp-upper,workdir=/mnt/tmp-work /tmp
-mount -t overlay chd-e2e-etc -o lowerdir=/etc,upperdir=/mnt/etc-upper,workdir=/mnt/etc-work /etc
-rm -rf /etc/utils
-mkdir -p /etc/utils
-cp "$CHD_BM_SCRIPTS"/* /etc/utils/
-chmod 0755 /etc/utils/*.sh
-exec "$@"
-"""
+from privatemounts import rerun_with_private_mounts  # noqa: E402
 
-if __name__ == "__main__" and os.environ.get(PRIVATE_MARK) != "1":
-    os.environ[PRIVATE_MARK] = "1"
-    os.environ["CHD_BM_SCRIPTS"] = SCRIPTS_DIR
-    os.execvp("unshare", ["unshare", "--mount", "--propagation", "private", "--", "/bin/sh", "-c", PRIVATE_SETUP,
-                          "sh", sys.executable, os.path.abspath(__file__)] + sys.argv[1:])
+if __name__ == "__main__":
+    rerun_with_private_mounts(__file__, scripts_dir=SCRIPTS_DIR)
 
 from chdtest import ChdEnv, ControlPoint, GLib, GObject, http_port_of, main  # noqa: E402
 

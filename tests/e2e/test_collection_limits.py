@@ -15,23 +15,11 @@ import sys
 import time
 import unittest
 
-PRIVATE_MARK = "CHD_LIMITS_E2E_PRIVATE_MOUNTS"
 
-PRIVATE_SETUP = r"""
-set -e
-mkdir -p /mnt
-mount -t tmpfs chd-e2e-limits /mnt
-mkdir -p /mnt/etc-upper /mnt/etc-work
-mount -t overlay chd-e2e-etc -o lowerdir=/etc,upperdir=/mnt/etc-upper,workdir=/mnt/etc-work /etc
-rm -rf /etc/utils
-mkdir -p /etc/utils
-exec "$@"
-"""
+from privatemounts import rerun_with_private_mounts  # noqa: E402
 
-if __name__ == "__main__" and os.environ.get(PRIVATE_MARK) != "1":
-    os.environ[PRIVATE_MARK] = "1"
-    os.execvp("unshare", ["unshare", "--mount", "--propagation", "private", "--", "/bin/sh", "-c", PRIVATE_SETUP,
-                          "sh", sys.executable, os.path.abspath(__file__)] + sys.argv[1:])
+if __name__ == "__main__":
+    rerun_with_private_mounts(__file__, overlaid=("/etc",))
 
 from chdtest import ChdEnv, curl, main  # noqa: E402
 

@@ -14,26 +14,13 @@ import os
 import re
 import shutil
 import subprocess
-import sys
 import tempfile
 import unittest
 
-PRIVATE_MARK = "CHD_INSTALL_E2E_PRIVATE_MOUNTS"
-PRIVATE_SETUP = r"""
-set -e
-mkdir -p /mnt
-mount -t tmpfs chd-e2e-scratch /mnt
-mkdir -p /mnt/tmp-upper /mnt/tmp-work /mnt/etc-upper /mnt/etc-work
-mount -t overlay chd-e2e-tmp -o lowerdir=/tmp,upperdir=/mnt/tmp-upper,workdir=/mnt/tmp-work /tmp
-mount -t overlay chd-e2e-etc -o lowerdir=/etc,upperdir=/mnt/etc-upper,workdir=/mnt/etc-work /etc
-rm -rf /etc/utils /etc/chd
-exec "$@"
-"""
+from privatemounts import rerun_with_private_mounts  # noqa: E402
 
-if __name__ == "__main__" and os.environ.get(PRIVATE_MARK) != "1":
-    os.environ[PRIVATE_MARK] = "1"
-    os.execvp("unshare", ["unshare", "--mount", "--propagation", "private", "--", "/bin/sh", "-c", PRIVATE_SETUP,
-                          "sh", sys.executable, os.path.abspath(__file__)] + sys.argv[1:])
+if __name__ == "__main__":
+    rerun_with_private_mounts(__file__, utils=False)
 
 from chdtest import BUILD_DIR, ChdEnv, iterate_until, main  # noqa: E402
 from test_configuration import parameter_values  # noqa: E402
