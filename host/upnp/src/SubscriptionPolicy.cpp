@@ -366,9 +366,17 @@ void SubscriptionPolicy::subscribeRead(SoupServerMessage* msg) {
   }
   LocalService* service = serviceAt(msg);
   SoupMessageHeaders* headers = soup_server_message_get_request_headers(msg);
-  if (service == nullptr || soup_message_headers_get_one(headers, "Callback") == nullptr ||
-      soup_message_headers_get_one(headers, "SID") != nullptr) {
-    return;  // renewals, and what GUPnP refuses anyway
+  if (const char* sid = soup_message_headers_get_one(headers, "SID")) {
+    // A renewal of a subscriber being dropped: GUPnP may not have taken this
+    // side's UNSUBSCRIBE in yet, and would renew what is already gone here.
+    const Subscriber* subscriber = find(sid);
+    if (subscriber != nullptr && subscriber->dropping) {
+      soup_server_message_set_status(msg, SOUP_STATUS_PRECONDITION_FAILED, nullptr);
+    }
+    return;
+  }
+  if (service == nullptr || soup_message_headers_get_one(headers, "Callback") == nullptr) {
+    return;  // what GUPnP refuses anyway
   }
   if (refuseOverCap(msg, service)) {
     return;
