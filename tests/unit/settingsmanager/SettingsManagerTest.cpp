@@ -324,7 +324,8 @@ TEST_F(SettingsManagerTest, KilledSavesNeverTearTheFileAndLeaveNothingAfterTheNe
     posix_spawn_file_actions_destroy(&quiet);
     ASSERT_EQ(0, spawned);
     // Killed once it has saved at least once, at a random moment of its loop.
-    for (int wait = 0; wait < 1000 && savedVersion(mSettingsPath) / 1000000 != kill; ++wait) {
+    // (Versions of this child are lastFirst and up; -1, no file yet, is below every one.)
+    for (int wait = 0; wait < 1000 && savedVersion(mSettingsPath) < lastFirst; ++wait) {
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     std::this_thread::sleep_for(std::chrono::microseconds(std::uniform_int_distribution<int>(0, 20000)(random)));
