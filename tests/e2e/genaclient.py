@@ -6,11 +6,10 @@ Python's HTTP modules do the HTTP; this only sets the GENA headers."""
 
 import http.client
 import http.server
-import os
 import threading
 import urllib.parse
 
-from wireload import Box
+from wireload import Box, fd_count as descriptors, rss_kib as resident_kb  # noqa: F401 (used by the tests)
 
 
 def event_urls(env, service_names, timeout=15):
@@ -104,15 +103,3 @@ def closed_port_url():
     port = server.server_address[1]
     server.server_close()
     return "http://127.0.0.1:%d/events" % port
-
-
-def resident_kb(pid):
-    with open("/proc/%d/status" % pid) as status:
-        for line in status:
-            if line.startswith("VmRSS:"):
-                return int(line.split()[1])
-    raise AssertionError("no VmRSS for %d" % pid)
-
-
-def descriptors(pid):
-    return len(os.listdir("/proc/%d/fd" % pid))

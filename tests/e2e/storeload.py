@@ -16,33 +16,25 @@ import sys
 import time
 from xml.etree import ElementTree
 
-CM_TYPE = "urn:schemas-upnp-org:service:ConfigurationManagement:1"
+from chdtest import CM_TYPE
+from wireload import envelope, status_kib
+
 TRACKED_EVENT = "CHD Tracked Parameter Event"
 DROPPED_KEY = "Dropped Key"
 DROPPED_KEY_HISTORY = "Dropped Key History"
 BLOB_EVENT = "Write CHD Blob Event"
-SOAP_ENV = "http://schemas.xmlsoap.org/soap/envelope/"
-SOAP_ENCODING = "http://schemas.xmlsoap.org/soap/encoding/"
 # A small leaf, answered from the service's own table.
 PROBED_PATH = "/vsp/CHD/REMOTE_LAST_COMMAND"
 
 
 # -- the daemon's memory -------------------------------------------------------
-def _status_kb(pid, field):
-    with open("/proc/%d/status" % pid) as status:
-        for line in status:
-            if line.startswith(field + ":"):
-                return int(line.split()[1])
-    raise AssertionError("no %s for pid %d" % (field, pid))
-
-
 def resident_kb(pid):
-    return _status_kb(pid, "VmRSS")
+    return status_kib(pid, "VmRSS")
 
 
 def peak_kb(pid):
     """Highest resident size since the last reset_peak()."""
-    return _status_kb(pid, "VmHWM")
+    return status_kib(pid, "VmHWM")
 
 
 def reset_peak(pid):
@@ -130,13 +122,8 @@ class GetValuesProbe:
 
 
 def _get_values_request():
-    envelope = ElementTree.Element("{%s}Envelope" % SOAP_ENV, {"{%s}encodingStyle" % SOAP_ENV: SOAP_ENCODING})
-    body = ElementTree.SubElement(envelope, "{%s}Body" % SOAP_ENV)
-    action = ElementTree.SubElement(body, "{%s}GetValues" % CM_TYPE)
-    paths = ElementTree.Element("ContentPathList")
-    ElementTree.SubElement(paths, "ContentPath").text = PROBED_PATH
-    ElementTree.SubElement(action, "Parameters").text = ElementTree.tostring(paths, encoding="unicode")
-    return ElementTree.tostring(envelope, encoding="utf-8", xml_declaration=True)
+    return envelope(CM_TYPE, "GetValues",
+                    [("Parameters", "<ContentPathList><ContentPath>%s</ContentPath></ContentPathList>" % PROBED_PATH)])
 
 
 def _answer_holds_the_value(body):

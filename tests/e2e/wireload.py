@@ -187,12 +187,17 @@ class Workers:
             return self.ok, self.failed
 
 
-def rss_kib(pid):
+def status_kib(pid, field):
+    """A size field of /proc/PID/status (VmRSS, VmHWM...) in kB."""
     with open("/proc/%d/status" % pid) as f:
         for line in f:
-            if line.startswith("VmRSS:"):
+            if line.startswith(field + ":"):
                 return int(line.split()[1])
-    return 0
+    raise AssertionError("no %s for pid %d" % (field, pid))
+
+
+def rss_kib(pid):
+    return status_kib(pid, "VmRSS")
 
 
 def fd_count(pid):

@@ -15,6 +15,7 @@
 #include <malloc.h>
 #endif
 
+#include "SoupRouting.h"
 #include "tolvane/Logging.h"
 
 TL_REGISTER_LOGGING(true, 2);
@@ -307,14 +308,6 @@ struct KeptAlive {
   GIOStream* connection;
 };
 
-GIOStream* baseStreamOf(GIOStream* stolen) {
-  GIOStream* base = nullptr;
-  if (g_object_class_find_property(G_OBJECT_GET_CLASS(stolen), "base-iostream") != nullptr) {
-    g_object_get(stolen, "base-iostream", &base, nullptr);
-  }
-  return base != nullptr ? base : G_IO_STREAM(g_object_ref(stolen));
-}
-
 gboolean acceptAgain(gpointer data) {
   std::unique_ptr<KeptAlive> kept(static_cast<KeptAlive*>(data));
   GSocket* socket = G_IS_SOCKET_CONNECTION(kept->connection)
@@ -358,8 +351,7 @@ void keepAliveAfterAnswer(SoupServerMessage* msg, gpointer data) {
   if (stolen == nullptr) {
     return;
   }
-  // libsoup's wrapper does not close the socket connection when it goes.
-  auto* kept = new KeptAlive{SOUP_SERVER(g_object_ref(server)), baseStreamOf(stolen)};
+  auto* kept = new KeptAlive{SOUP_SERVER(g_object_ref(server)), socketConnectionOf(stolen)};
   g_object_unref(stolen);
   // After libsoup has unwound from this answer.
   GSource* source = g_idle_source_new();

@@ -17,21 +17,13 @@ bool methodMatches(WebServer::Method wanted, const char* method) {
   return wanted == WebServer::getMethod(method != nullptr ? method : "");
 }
 
-// The descriptor under a stolen stream: libsoup wraps the connection it was
-// given (ours, from the acceptor) in a stream of its own.
+// The descriptor under a stolen stream.
 int duplicateSocketOf(GIOStream* stream) {
-  GIOStream* base = nullptr;
-  if (g_object_class_find_property(G_OBJECT_GET_CLASS(stream), "base-iostream") != nullptr) {
-    g_object_get(stream, "base-iostream", &base, nullptr);
-  }
-  GSocket* socket = nullptr;
-  if (base != nullptr && G_IS_SOCKET_CONNECTION(base)) {
-    socket = g_socket_connection_get_socket(G_SOCKET_CONNECTION(base));
-  } else if (G_IS_SOCKET_CONNECTION(stream)) {
-    socket = g_socket_connection_get_socket(G_SOCKET_CONNECTION(stream));
-  }
-  const int fd = socket != nullptr ? dup(g_socket_get_fd(socket)) : -1;
-  g_clear_object(&base);
+  GIOStream* connection = socketConnectionOf(stream);
+  const int fd = G_IS_SOCKET_CONNECTION(connection)
+                     ? dup(g_socket_get_fd(g_socket_connection_get_socket(G_SOCKET_CONNECTION(connection))))
+                     : -1;
+  g_object_unref(connection);
   return fd;
 }
 
@@ -112,6 +104,14 @@ void markMissingUserAgent(SoupServer* /*server*/, SoupServerMessage* msg, gpoint
 }
 
 }  // namespace
+
+GIOStream* socketConnectionOf(GIOStream* stolen) {
+  GIOStream* base = nullptr;
+  if (g_object_class_find_property(G_OBJECT_GET_CLASS(stolen), "base-iostream") != nullptr) {
+    g_object_get(stolen, "base-iostream", &base, nullptr);
+  }
+  return base != nullptr ? base : G_IO_STREAM(g_object_ref(stolen));
+}
 
 void addProviderRoute(SoupServer* server, ProviderRoute* route) {
   const char* base = route->base.empty() ? nullptr : route->base.c_str();

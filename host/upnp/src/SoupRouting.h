@@ -20,6 +20,11 @@ struct ProviderRoute {
   bool pathsDecoded;
 };
 
+// The stream of a stolen connection is libsoup's wrapper around the socket
+// connection it was given (ours, from the acceptor): that connection, with a
+// reference of the caller's. The wrapper does not close it when it goes.
+GIOStream* socketConnectionOf(GIOStream* stolen);
+
 // Adds route's handler at its base ("" serves every path); the server owns
 // route afterwards.
 void addProviderRoute(SoupServer* server, ProviderRoute* route);
