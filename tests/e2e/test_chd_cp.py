@@ -444,7 +444,8 @@ class ChdCpTest(unittest.TestCase):
                     digest.update(block)
                     f.write(block)
             out_dir = os.path.join(env.tmp, "downloads")
-            rc, out, err = chd_cp("logs", "127.0.0.1", "messages", "-o", out_dir, timeout=300)
+            # Writing the 200 MB file loads the machine: the box gets longer than the default to answer the search.
+            rc, out, err = chd_cp("logs", "127.0.0.1", "messages", "-o", out_dir, "--timeout", "30", timeout=300)
             self.assertEqual(rc, 0, err)
             saved = os.path.join(out_dir, "messages")
             self.assertEqual(out, "%s -> %s (%d bytes)\n" % (messages, saved, BIG_LOG_BYTES))
@@ -452,7 +453,7 @@ class ChdCpTest(unittest.TestCase):
                 self.assertEqual(hashlib.sha256(f.read()).hexdigest(), digest.hexdigest())
 
             # On a terminal a large file shows its progress (on stderr), up to 100 %.
-            tty = subprocess.run(["script", "-qec", "%s logs 127.0.0.1 messages -o %s" % (binary("chd-cp"), out_dir),
+            tty = subprocess.run(["script", "-qec", "%s logs 127.0.0.1 messages -o %s --timeout 30" % (binary("chd-cp"), out_dir),
                                   "/dev/null"], capture_output=True, text=True, timeout=300, check=False)
             self.assertEqual(tty.returncode, 0, tty.stdout)
             self.assertIn("messages: 100% 200.0/200.0 MiB", tty.stdout)
