@@ -36,7 +36,7 @@ constexpr size_t kThreadNameMax = 15;
 // Immediate and delayed posts share one timeline ordered by due time, then by
 // post order: an immediate post is due when it is made. Hence a send() made
 // after the clock has moved runs after every agent that was already due.
-class EventQueue : public host::detail::ClockWaiter {
+class EventQueue final : public host::detail::ClockWaiter {
  public:
   explicit EventQueue(std::string name) : mName(std::move(name)) { host::detail::addClockWaiter(this); }
   ~EventQueue() { host::detail::removeClockWaiter(this); }

@@ -68,7 +68,7 @@ bool Mutex::tryLock() { return mImpl->tryLock(); }
 // broadcast() marks them all. A waiter returns only when its own ticket is
 // marked or its time is up, so wake-ups of the underlying primitive never
 // reach the caller.
-struct Condition::Impl : host::detail::ClockWaiter {
+struct Condition::Impl final : host::detail::ClockWaiter {
   struct Ticket {
     bool signalled = false;
   };

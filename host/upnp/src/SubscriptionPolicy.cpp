@@ -217,7 +217,6 @@ SubscriptionPolicy::SubscriptionPolicy(SoupServer* server, const std::string& ad
     : mServer(server),
       mLimits(limits),
       mAddress(address),
-      mPort(port),
       mBaseUrl("http://" + address + ":" + std::to_string(port)),
       mContext(g_main_context_ref_thread_default()),
       mRelaySession(newSession(limits.deliverySeconds, 1)),

@@ -109,7 +109,6 @@ class SubscriptionPolicy {
   SoupServer* mServer;
   SubscriptionLimits mLimits;
   std::string mAddress;
-  unsigned mPort;
   std::string mBaseUrl;
   GMainContext* mContext;
   // Events to the subscribers, one connection per host at a time as GUPnP
