@@ -34,7 +34,12 @@ run_ctest() {  # label dir ctest-args...
     total=$(sed -E 's/.* failed out of ([0-9]+).*/\1/' <<<"$line")
     passed=$((passed + total - bad))
     failed=$((failed + bad))
-    [ "$bad" -eq 0 ] || failures+=("ctest $label")
+    if [ "$bad" -ne 0 ]; then
+      # The names, so that the last lines of a long log say which tests failed.
+      local names
+      names=$(sed -n '/The following tests FAILED:/,$p' "$log" | sed -nE 's/^[[:space:]]+[0-9]+ - ([^ ]+).*/\1/p' | paste -sd, -)
+      failures+=("ctest $label (${names:-see above})")
+    fi
   fi
   if [ "$rc" -ne 0 ] && { [ -z "$line" ] || [ "$bad" -eq 0 ]; }; then
     failed=$((failed + 1)); failures+=("ctest $label (exit $rc)")

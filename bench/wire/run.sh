@@ -5,14 +5,20 @@
 # usage: bench/wire/run.sh [section...]      as root; sections (default: all, in this order)
 #   startup    time from the exec of chd to its first SSDP alive on lo, WIRE_STARTS times
 #   idle       CPU, wake-ups/s, VmRSS, PSS of chd, minidlna, Rygel (and nginx) over WIRE_IDLE s
-#   soap       SOAP round trips/s at each concurrency: chd GetCurrentConfigurationVersion and
-#              GetSupportedDataModels, Rygel GetSystemUpdateID (keep-alive, and a connection per
-#              request as chd answers), nginx 10 KB (keep-alive and a connection per request)
-#   getvalues  chd GetValues of "/vsp/" (the whole tree), minidlna Browse of 24 items, nginx 10 KB
+#   soap       SOAP round trips/s at each concurrency: chd GetCurrentConfigurationVersion (keep-alive
+#              and a connection per request) and GetSupportedDataModels, Rygel GetSystemUpdateID
+#              (keep-alive and a connection per request), nginx 10 KB (both ways)
+#   getvalues  chd GetValues of "/vsp/" (the whole tree; keep-alive and a connection per request),
+#              minidlna Browse of 24 items (it closes every connection), nginx 10 KB
+#   cp         a GUPnP control point calling in a loop (keep-alive, as server boxes call): chd
+#              GetCurrentConfigurationVersion and GetValues "/vsp/", Rygel GetSystemUpdateID,
+#              minidlna Browse of 24 items
 # env (all optional):
 #   WIRE_BUILD=./build      build directory with bin/chd, bin/chd-client-app, lib/
 #   WIRE_OUT=/tmp/chd-bench-wire   results: *.tsv, summary.md, env.txt, logs in work/
 #   WIRE_DUR=10 WIRE_ROUNDS=3 WIRE_CONC="1 16"   wrk seconds per row, interleaved rounds, connections
+#   WIRE_CP_CONC="1 8"      calls the control point keeps outstanding (libsoup's session opens up to
+#                           its per-host limit of connections for them)
 #   WIRE_STARTS=10 WIRE_SETTLE=20 WIRE_IDLE=60   starts to time; seconds to settle, idle window
 #   WIRE_PIN=1              servers on CPU 1, wrk on CPU 0 (0: no pinning)
 #   WIRE_UA=                User-Agent of every load request (unset: none, as wrk sends; control
@@ -31,10 +37,11 @@ here=$(cd "$(dirname "$0")" && pwd)
 root=$(cd "$here/../.." && pwd)
 build=$(cd "${WIRE_BUILD:-$root/build}" && pwd)
 out=${WIRE_OUT:-/tmp/chd-bench-wire}
-sections=${*:-startup idle soap getvalues}
+sections=${*:-startup idle soap getvalues cp}
 dur=${WIRE_DUR:-10}
 rounds=${WIRE_ROUNDS:-3}
 concurrencies=${WIRE_CONC:-1 16}
+cp_concurrencies=${WIRE_CP_CONC:-1 8}
 pin=${WIRE_PIN:-1}
 work=$out/work
 
@@ -112,13 +119,26 @@ get_target() {  # targets label url pids close
   add_target "$1" "$2" "$3" - - "$4" "$5"
 }
 
-measure() {  # tsv label url soapaction body pids close connections round
-  local tsv=$1 label=$2 url=$3 action=$4 body=$5 pids=$6 close=$7 c=$8 round=$9 line own foreign kv
+wrk_load() {  # url soapaction body close connections: one WIRE_RESULT line
+  local url=$1 action=$2 body=$3 close=$4 c=$5
   [ "$action" = - ] && action=""
   [ "$body" = - ] && body=""
+  WIRE_BODY_FILE=$body WIRE_SOAPACTION=$action WIRE_CLOSE=$close on_load_cpu timeout $((dur + 30)) \
+    wrk -t1 -c"$c" -d"${dur}s" --timeout 5s -s "$here/wire.lua" "$url" 2>&1 | grep '^WIRE_RESULT' || true
+}
+
+cp_load() {  # desc service_type action connections [NAME=VALUE...]: one WIRE_RESULT line
+  local desc=$1 type=$2 action=$3 c=$4
+  shift 4
+  on_load_cpu timeout $((dur + 40)) /usr/bin/python3 "$here/wire.py" cploop "$desc" "$type" "$action" "$dur" "$c" \
+    "$@" 2>&1 | grep '^WIRE_RESULT' || true
+}
+
+measure() {  # tsv label pids connections round -- load command...: one row of the tsv
+  local tsv=$1 label=$2 pids=$3 c=$4 round=$5 line own foreign kv
+  shift 6
   wire cpu snap "$work/cpu.snap" "$pids"
-  line=$(WIRE_BODY_FILE=$body WIRE_SOAPACTION=$action WIRE_CLOSE=$close on_load_cpu timeout $((dur + 30)) \
-    wrk -t1 -c"$c" -d"${dur}s" --timeout 5s -s "$here/wire.lua" "$url" 2>&1 | grep '^WIRE_RESULT' || true)
+  line=$("$@")
   read -r own foreign < <(wire cpu delta "$work/cpu.snap" "$pids")
   if [ -z "$line" ]; then
     echo "$label c=$c: wrk gave no result" >&2
@@ -142,7 +162,32 @@ load_section() {  # name targets_file: rounds interleaved over all targets and c
     log "$name round $round/$rounds"
     while IFS=$'\t' read -r label url action body pids close; do
       for c in $concurrencies; do
-        measure "$out/$name.tsv" "$label" "$url" "$action" "$body" "$pids" "$close" "$c" "$round"
+        measure "$out/$name.tsv" "$label" "$pids" "$c" "$round" -- wrk_load "$url" "$action" "$body" "$close" "$c"
+      done
+    done <"$targets"
+  done
+}
+
+# One control point target per line: label, description URL, service type, action,
+# server pids, then the action's NAME=VALUE arguments.
+cp_target() {  # targets label desc service_type_prefix action pids [NAME=VALUE...]
+  local targets=$1 label=$2 desc=$3 type=$4 action=$5 pids=$6
+  shift 6
+  read -r type _ < <(wire services "$desc" | awk -F'\t' -v t="$type" 'index($1, t) == 1 {print $1, $2; exit}') || true
+  [ -n "$type" ] || { echo "$label: $desc has no service $4" >&2; return 1; }
+  (IFS=$'\t'; echo "$label	$desc	$type	$action	$pids	$*") >>"$targets"
+}
+
+cp_section() {  # targets_file: rounds interleaved over the control point targets and call counts
+  local targets=$1 round label desc type action pids c
+  local -a args
+  for round in $(seq "$rounds"); do
+    log "cp round $round/$rounds"
+    while IFS=$'\t' read -r -a fields; do
+      label=${fields[0]} desc=${fields[1]} type=${fields[2]} action=${fields[3]} pids=${fields[4]}
+      args=("${fields[@]:5}")
+      for c in $cp_concurrencies; do
+        measure "$out/cp.tsv" "$label" "$pids" "$c" "$round" -- cp_load "$desc" "$type" "$action" "$c" "${args[@]}"
       done
     done <"$targets"
   done
@@ -163,6 +208,16 @@ profile_target() {  # label: perf samples of the target's server while wrk loads
   echo "profile: $out/perf-$label.txt"
 }
 
+WHOLE_TREE="<ContentPathList><ContentPath>/vsp/</ContentPath></ContentPathList>"
+
+minidlna_clips() {  # the object id of minidlna's folder of 24 clips, once it has scanned it
+  local cds=urn:schemas-upnp-org:service:ContentDirectory:1 control clips=""
+  control=$(wire services "http://127.0.0.1:$MINIDLNA_PORT/rootDesc.xml" | awk -F'\t' -v t=$cds '$1 == t {print $2; exit}')
+  for _ in $(seq 20); do clips=$(wire container "$control" "$cds" Clips24) && break; sleep 1; done
+  [ -n "$clips" ] || { echo "minidlna does not show the folder Clips24" >&2; exit 1; }
+  echo "$clips"
+}
+
 # -- sections -------------------------------------------------------------------
 
 describe_run
@@ -177,7 +232,7 @@ if has startup; then
   wire startup "$out/startup.tsv" "${WIRE_STARTS:-10}" "$CHD_PORT" "$work/chd/chd-startup.log" -- "${starter[@]}"
 fi
 
-if has idle || has soap || has getvalues; then
+if has idle || has soap || has getvalues || has cp; then
   log "starting chd, the client application, nginx, minidlna and Rygel"
   start_chd
   start_nginx
@@ -207,11 +262,10 @@ if has soap; then
   soap_target "$targets" chd-GetSupportedDataModels "$CHD_DESC" "$CM_TYPE" GetSupportedDataModels "${PID[chd]}"
   soap_target "$targets" rygel-GetSystemUpdateID "$RYGEL_DESC" urn:schemas-upnp-org:service:ContentDirectory: \
     GetSystemUpdateID "${PID[rygel]}"
-  # chd answers every request with "Connection: close"; the same on Rygel tells
-  # what a connection per request costs the same stack.
-  awk -F'\t' -v OFS='\t' '$1 == "rygel-GetSystemUpdateID" {$1 = $1 "-close"; $6 = 1; print}' "$targets" \
-    >"$work/rygel-close.tsv"
-  cat "$work/rygel-close.tsv" >>"$targets"
+  # The same calls with a connection per request: what the connection costs each stack.
+  awk -F'\t' -v OFS='\t' '$1 == "rygel-GetSystemUpdateID" || $1 == "chd-GetCurrentConfigurationVersion" \
+    {$1 = $1 "-close"; $6 = 1; print}' "$targets" >"$work/close.tsv"
+  cat "$work/close.tsv" >>"$targets"
   get_target "$targets" nginx-10k-keepalive "http://127.0.0.1:$NGINX_PORT/10k.xml" "${PID[nginx]}" 0
   get_target "$targets" nginx-10k-close "http://127.0.0.1:$NGINX_PORT/10k.xml" "${PID[nginx]}" 1
   load_section soap "$targets"
@@ -222,12 +276,11 @@ if has getvalues; then
   targets=$out/targets-getvalues.tsv
   : >"$targets"
   soap_target "$targets" chd-GetValues-whole-tree "$CHD_DESC" "$CM_TYPE" GetValues "${PID[chd]}" \
-    "Parameters=<ContentPathList><ContentPath>/vsp/</ContentPath></ContentPathList>"
-  cds=urn:schemas-upnp-org:service:ContentDirectory:1
-  minidlna_cds=$(wire services "http://127.0.0.1:$MINIDLNA_PORT/rootDesc.xml" | awk -F'\t' -v t=$cds '$1 == t {print $2; exit}')
-  clips=""
-  for _ in $(seq 20); do clips=$(wire container "$minidlna_cds" "$cds" Clips24) && break; sleep 1; done
-  [ -n "$clips" ] || { echo "minidlna does not show the folder Clips24" >&2; exit 1; }
+    "Parameters=$WHOLE_TREE"
+  awk -F'\t' -v OFS='\t' '$1 == "chd-GetValues-whole-tree" {$1 = $1 "-close"; $6 = 1; print}' "$targets" \
+    >"$work/close.tsv"
+  cat "$work/close.tsv" >>"$targets"
+  clips=$(minidlna_clips)
   soap_target "$targets" minidlna-Browse24 "http://127.0.0.1:$MINIDLNA_PORT/rootDesc.xml" "$cds" Browse \
     "${PID[minidlna]}" "ObjectID=$clips" BrowseFlag=BrowseDirectChildren "Filter=*" StartingIndex=0 \
     RequestedCount=0 SortCriteria=
@@ -236,7 +289,23 @@ if has getvalues; then
   load_section getvalues "$targets"
 fi
 
-if has soap || has getvalues; then
+if has cp; then
+  log "cp: targets"
+  targets=$out/targets-cp.tsv
+  : >"$targets"
+  cp_target "$targets" cp-chd-GetCurrentConfigurationVersion "$CHD_DESC" "$CM_TYPE" GetCurrentConfigurationVersion \
+    "${PID[chd]}"
+  cp_target "$targets" cp-rygel-GetSystemUpdateID "$RYGEL_DESC" urn:schemas-upnp-org:service:ContentDirectory: \
+    GetSystemUpdateID "${PID[rygel]}"
+  cp_target "$targets" cp-chd-GetValues-whole-tree "$CHD_DESC" "$CM_TYPE" GetValues "${PID[chd]}" \
+    "Parameters=$WHOLE_TREE"
+  cp_target "$targets" cp-minidlna-Browse24 "http://127.0.0.1:$MINIDLNA_PORT/rootDesc.xml" \
+    urn:schemas-upnp-org:service:ContentDirectory:1 Browse "${PID[minidlna]}" "ObjectID=$(minidlna_clips)" \
+    BrowseFlag=BrowseDirectChildren "Filter=*" StartingIndex=0 RequestedCount=0 SortCriteria=
+  cp_section "$targets"
+fi
+
+if has soap || has getvalues || has cp; then
   log "footprint after the load"
   # shellcheck disable=SC2046
   wire idle "$out/idle.tsv" "$out/idle_threads.tsv" 10 $(idle_groups -afterload)

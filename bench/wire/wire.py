@@ -16,6 +16,10 @@ Loopback only: every URL must point at 127.0.0.1. Run with Debian's
   wire.py call CONTROL_URL SERVICE_TYPE ACTION BODY_FILE
       POST the body once; print status, size, Connection header and the
       output arguments; exit 1 unless HTTP 200 with an action response
+  wire.py cploop DESC_URL SERVICE_TYPE ACTION SECONDS CONNECTIONS [NAME=VALUE ...]
+      a GUPnP control point on lo (as server boxes are built) calls ACTION
+      of that device's service in a loop for SECONDS, CONNECTIONS calls
+      outstanding; prints one "WIRE_RESULT ..." line as the wrk script does
   wire.py container CONTROL_URL SERVICE_TYPE TITLE
       id of the first container titled TITLE (Browse, breadth first)
   wire.py idle TSV THREADS_TSV SECONDS LABEL=PID[+PID...] ...
@@ -235,6 +239,105 @@ def container(url, service_type, title):
     return 1
 
 
+# -- a GUPnP control point in a loop ---------------------------------------------
+
+
+def gupnp():
+    import gi
+
+    gi.require_version("GSSDP", "1.6")
+    gi.require_version("GUPnP", "1.6")
+    from gi.repository import GLib, GObject, GSSDP, GUPnP
+
+    return GLib, GObject, GSSDP, GUPnP
+
+
+def find_service_proxy(glib, ssdp, upnp, desc_url, service_type, timeout=15.0):
+    """The proxy of that service on the device described at desc_url: the
+    control point discovers it as a server box does, then reuses the same
+    session (and its kept-alive connections) for every call."""
+    context = upnp.Context.new_full("lo", None, 0, ssdp.UDAVersion.VERSION_1_0)
+    control_point = upnp.ControlPoint.new(context, service_type)
+    wanted = urllib.parse.urlparse(desc_url).netloc
+    found = []
+    control_point.connect(
+        "service-proxy-available",
+        lambda _cp, proxy: found.append(proxy) if urllib.parse.urlparse(proxy.get_location()).netloc == wanted
+        else None)
+    control_point.set_active(True)
+    main = glib.MainContext.default()
+    deadline = time.monotonic() + timeout
+    while not found and time.monotonic() < deadline:
+        if not main.iteration(False):
+            time.sleep(0.001)
+    if not found:
+        sys.exit("no %s at %s within %.0f s" % (service_type, desc_url, timeout))
+    return context, control_point, found[0]
+
+
+def percentile_us(ordered, fraction):
+    if not ordered:
+        return 0
+    return int(ordered[min(len(ordered) - 1, int(fraction * len(ordered)))] * 1e6)
+
+
+class CallLoop:
+    """Keeps `connections` calls outstanding until the deadline."""
+
+    def __init__(self, gobject, upnp, proxy, action, arguments):
+        self.gobject, self.upnp, self.proxy, self.action = gobject, upnp, proxy, action
+        self.names = [name for name, _ in arguments]
+        self.values = [self.string_value(value) for _, value in arguments]
+        self.latencies, self.failures, self.outstanding, self.deadline = [], 0, 0, 0.0
+
+    def string_value(self, text):
+        value = self.gobject.Value()
+        value.init(self.gobject.TYPE_STRING)
+        value.set_string(text)
+        return value
+
+    def issue(self):
+        request = self.upnp.ServiceProxyAction.new_from_list(self.action, self.names, self.values)
+        started = time.monotonic()
+        self.outstanding += 1
+        self.proxy.call_action_async(request, None, lambda source, result: self.finished(source, result, started))
+
+    def finished(self, source, result, started):
+        self.outstanding -= 1
+        try:
+            source.call_action_finish(result)
+            self.latencies.append(time.monotonic() - started)
+        except Exception:  # a transport failure or a SOAP fault: counted, the loop goes on
+            self.failures += 1
+        if time.monotonic() < self.deadline:
+            self.issue()
+
+    def run(self, glib, seconds, connections):
+        self.deadline = time.monotonic() + seconds
+        started = time.monotonic()
+        for _ in range(connections):
+            self.issue()
+        main = glib.MainContext.default()
+        hard_stop = self.deadline + 10.0
+        while self.outstanding and time.monotonic() < hard_stop:
+            main.iteration(True)
+        return time.monotonic() - started
+
+
+def cploop(desc_url, service_type, action, seconds, connections, arguments):
+    loopback_only(desc_url)
+    glib, gobject, ssdp, upnp = gupnp()
+    _context, _control_point, proxy = find_service_proxy(glib, ssdp, upnp, desc_url, service_type)
+    loop = CallLoop(gobject, upnp, proxy, action, arguments)
+    elapsed = loop.run(glib, seconds, connections)
+    ordered = sorted(loop.latencies)
+    print("WIRE_RESULT requests=%d seconds=%.3f rps=%.1f bytes=0 p50_us=%d p90_us=%d p99_us=%d max_us=%d "
+          "err_connect=0 err_read=0 err_write=0 err_status=%d err_timeout=%d" % (
+              len(ordered), elapsed, len(ordered) / elapsed, percentile_us(ordered, 0.5),
+              percentile_us(ordered, 0.9), percentile_us(ordered, 0.99), percentile_us(ordered, 1.0),
+              loop.failures, loop.outstanding))
+
+
 # -- /proc readers ---------------------------------------------------------------
 
 
@@ -377,6 +480,8 @@ def main(argv):
         sys.stdout.buffer.write(envelope(argv[2], argv[3], arguments))
     elif command == "call":
         return call(argv[2], argv[3], argv[4], argv[5])
+    elif command == "cploop":
+        cploop(argv[2], argv[3], argv[4], float(argv[5]), int(argv[6]), [a.split("=", 1) for a in argv[7:]])
     elif command == "container":
         return container(argv[2], argv[3], argv[4])
     elif command == "idle":

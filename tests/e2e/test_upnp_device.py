@@ -181,12 +181,17 @@ class DeviceTest(unittest.TestCase):
 
 class GoodbyeTest(unittest.TestCase):
     def test_sigterm_says_goodbye_and_exits_with_status_one(self):
+        """Stopped while its first announcements are still going out, the
+        device takes back every resource it announced: the root device, its
+        UDN, its type and both service types."""
         with ChdEnv(platform=PLATFORM, client_app=False) as env:
-            browser = Browser("lo", DEVICE_TYPE)
-            usn, _locations = browser.wait_for_device()
+            browser = Browser("lo", "ssdp:all")
+            browser.wait_for_device()
             rc = env.stop_chd(signal.SIGTERM, timeout=10)
             self.assertEqual(rc, 1)
-            iterate_until(lambda: usn in browser.gone, 5, "the byebye")
+            iterate_until(lambda: len(set(browser.gone)) >= 5 and not browser.available, 5,
+                          "a byebye for every resource announced")
+            self.assertTrue(any(usn.endswith("::" + DEVICE_TYPE) for usn in browser.gone), browser.gone)
 
 
 class EventSink(http.server.ThreadingHTTPServer):

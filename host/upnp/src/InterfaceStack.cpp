@@ -25,6 +25,53 @@ struct ActionRoute {
   Action* action;
 };
 
+// Without a configured port GUPnP listens for HTTP on the number that GSSDP
+// drew for its UDP search socket, and that TCP port may well be taken (by
+// any client connection's ephemeral port): the stack would then never come
+// up. So the stack asks the kernel for a free TCP port and gives it to both;
+// a port taken in between (or taken for UDP) costs another attempt.
+constexpr int kPortAttempts = 8;
+
+guint16 freeTcpPort(GInetAddress* address) {
+  GSocket* probe =
+      g_socket_new(g_inet_address_get_family(address), G_SOCKET_TYPE_STREAM, G_SOCKET_PROTOCOL_TCP, nullptr);
+  if (probe == nullptr) {
+    return 0;
+  }
+  guint16 port = 0;
+  GSocketAddress* any = g_inet_socket_address_new(address, 0);
+  if (g_socket_bind(probe, any, FALSE, nullptr)) {
+    GSocketAddress* bound = g_socket_get_local_address(probe, nullptr);
+    if (bound != nullptr) {
+      port = g_inet_socket_address_get_port(G_INET_SOCKET_ADDRESS(bound));
+      g_object_unref(bound);
+    }
+  }
+  g_object_unref(any);
+  g_socket_close(probe, nullptr);
+  g_object_unref(probe);
+  return port;
+}
+
+GUPnPContext* newContext(const std::string& interface, GInetAddress* address, int configuredPort) {
+  GError* error = nullptr;
+  for (int attempt = 1; attempt <= kPortAttempts; ++attempt) {
+    const guint16 port = configuredPort != 0 ? static_cast<guint16>(configuredPort) : freeTcpPort(address);
+    GUPnPContext* context = gupnp_context_new_full(interface.c_str(), address, port, GSSDP_UDA_VERSION_1_0, &error);
+    if (context != nullptr) {
+      return context;
+    }
+    const bool retry = configuredPort == 0 && attempt < kPortAttempts;
+    TL_LOG(retry ? 2 : 0, "No UPnP stack on [%s] port [%u]: %s%s", interface.c_str(), port, error->message,
+           retry ? "; trying another port" : "");
+    g_clear_error(&error);
+    if (!retry) {
+      break;
+    }
+  }
+  return nullptr;
+}
+
 void deleteActionRoute(gpointer data, GClosure* /*closure*/) { delete static_cast<ActionRoute*>(data); }
 
 void onActionInvoked(GUPnPService* /*service*/, GUPnPServiceAction* request, gpointer data) {
@@ -101,13 +148,9 @@ InterfaceStack::~InterfaceStack() {
 bool InterfaceStack::start(const StackSettings& settings) {
   mSettings = settings;
   GInetAddress* address = g_inet_address_new_from_string(mAddress.c_str());
-  GError* error = nullptr;
-  mContext = gupnp_context_new_full(mName.c_str(), address, static_cast<guint16>(settings.port), GSSDP_UDA_VERSION_1_0,
-                                    &error);
+  mContext = newContext(mName, address, settings.port);
   g_object_unref(address);
   if (mContext == nullptr) {
-    TL_LOG(0, "No UPnP stack on [%s] [%s]: %s", mName.c_str(), mAddress.c_str(), error->message);
-    g_error_free(error);
     return false;
   }
   gssdp_client_set_server_id(GSSDP_CLIENT(mContext), settings.serverString.c_str());
@@ -175,7 +218,7 @@ bool InterfaceStack::publish(RootDevice* device) {
     }
     serveDocument(service->getSCPDURL(), service->getXML());
   }
-  mPublished.push_back(Published{device, root, {}, g_get_monotonic_time()});
+  mPublished.push_back(Published{device, root, {}});
   bindServices(mPublished.back());
   gssdp_resource_group_set_message_delay(gupnp_root_device_get_ssdp_resource_group(root), mSettings.messageDelayMs);
   gupnp_root_device_set_available(root, device->getAdvertise() ? TRUE : FALSE);
@@ -271,27 +314,13 @@ void InterfaceStack::notify(LocalService* service, const VarChanges& changes) {
 }
 
 unsigned InterfaceStack::sayGoodbye() {
-  gint64 drainMs = 0;
-  for (const Published& published : mPublished) {
-    if (!gupnp_root_device_get_available(published.root)) {
-      continue;
-    }
-    // GSSDP sends each announcement three times for the root device, the
-    // UDN, the device type and every service type, one message per delay.
-    const gint64 messages = 3 * static_cast<gint64>(3 + published.device->getServiceCount());
-    const gint64 burstMs = messages * mSettings.messageDelayMs;
-    const gint64 sinceMs = (g_get_monotonic_time() - published.announcedAt) / 1000;
-    GSSDPResourceGroup* group = gupnp_root_device_get_ssdp_resource_group(published.root);
-    if (sinceMs >= burstMs) {
-      // The alive burst is over: the byebyes may leave back to back.
-      gssdp_resource_group_set_message_delay(group, 0);
-    } else {
-      // They queue behind what is left of the alives, at the same pace.
-      drainMs = std::max(drainMs, burstMs - sinceMs + burstMs);
-    }
-    gupnp_root_device_set_available(published.root, FALSE);
-  }
-  return static_cast<unsigned>(drainMs);
+  // Nothing to do before the devices go: a resource group that is still
+  // available sends a byebye for every resource when it is disposed, right
+  // after whatever alives are still queued, all at once on this thread.
+  // Taken unavailable first, GSSDP would pace the byebyes through its queue
+  // and drop those still queued when the stack is taken down (on a loaded
+  // box, most of them).
+  return 0;
 }
 
 void InterfaceStack::detachFromNetwork() {

@@ -70,7 +70,6 @@ class InterfaceStack {
     RootDevice* device;
     GUPnPRootDevice* root;
     std::vector<Endpoint> endpoints;
-    gint64 announcedAt;  // monotonic microseconds
   };
 
   void serveDocument(const std::string& path, const std::string& document);
