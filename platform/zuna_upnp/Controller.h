@@ -15,9 +15,10 @@
 //   registerWebProvider() on the main thread while it starts, shutdown() on
 //   its SIGTERM thread, getServerString() on the web server's worker threads.
 //   The stack runs the network on threads of its own (the host stack: one
-//   GLib thread, which does the work of every operation and waits for no
-//   other thread) and calls the daemon back only through the services'
-//   dispatchers (actions) and the web server's worker threads (providers).
+//   GLib thread, to which the operations hand their work and wait for it,
+//   and which itself waits for no other thread) and calls the daemon back
+//   only through the services' dispatchers (actions) and the web server's
+//   worker threads (providers).
 #pragma once
 
 #include <memory>
