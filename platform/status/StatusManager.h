@@ -14,6 +14,10 @@ class EventDispatcher;
 typedef std::map<std::string, std::string> StatusMap;
 typedef std::deque<std::string> StatusNameList;
 
+// Both callbacks run on the dispatcher the listener gave addListener: the
+// daemon's configuration management service gets them on its
+// "CM_StatusThread", the basic management service on its service dispatcher,
+// the blob writer on its "CHDBlobWriter" thread.
 class IStatusUpdateListener {
  public:
   virtual void notifyStatusChanged(StatusMap /*statuses*/) {}
@@ -34,6 +38,16 @@ class IStatusUpdateListener {
 // - Events are not stored: a listener gets an event only if it had
 //   registered the name before the event was posted.
 // - After removeListener returns, no new callback is queued for it.
+// - No listener is called from inside the store, so a callback may call the
+//   store again.
+// - Which threads call it in the daemon: the main thread adds the listeners,
+//   registers their names and starts the uptime timer (in the constructors);
+//   the services' dispatchers read statuses, timers and counters (actions),
+//   set statuses and post events (SetValues); the blob writer's thread
+//   follows timers and counters, sets its history statuses and posts the
+//   blob; the SIGTERM thread removes the blob writer's listener. On the host,
+//   the store's D-Bus export calls it on a thread of its own for other
+//   processes.
 // - Timers: elapsed time in whole seconds. startTimer restarts from zero and
 //   runs; stopTimer halts and clears to zero; pauseTimer halts keeping the
 //   accumulated time; resumeTimer runs again from the accumulated time (it
@@ -41,7 +55,8 @@ class IStatusUpdateListener {
 //   time of the last startTimer (or first resume), 0 if never started.
 class StatusManager {
  public:
-  // The process's one store, created on first use. The flag is reserved by
+  // The process's one store, created on first use (in the daemon: on the
+  // main thread, by the blob writer's constructor). The flag is reserved by
   // the platform; pass false.
   static StatusManager* getInstance(bool create = false);
 

@@ -18,7 +18,9 @@
 //   down are dropped, and an agent that throws ends the process (agents must
 //   not throw).
 // - The daemon creates the event threads "CM_StatusThread" and
-//   "CHDBlobWriter" and uses the services' dispatchers of the UPnP stack.
+//   "CHDBlobWriter" on its main thread and uses the services' dispatchers of
+//   the UPnP stack. It shuts down the blob writer's thread from its SIGTERM
+//   thread, and waits with send() only from there (and from tests).
 #pragma once
 
 #include <functional>
@@ -119,7 +121,8 @@ class EventThread : public EventDispatcher {
   void removeAgentsByReceiver(const void* receiver) override;
 
   // Lets the agent that is running finish, drops every queued agent and joins
-  // the thread. Idempotent. Posts made afterwards are dropped; a send()
+  // the thread (called on the thread itself, it cannot join and lets the
+  // thread end on its own). Idempotent. Posts made afterwards are dropped; a send()
   // afterwards returns without running its agent.
   void shutdown();
 

@@ -6,6 +6,11 @@
 // never inherit them. Errors are results (false, negative counts), never
 // exceptions; errno tells the reason where the host implementation logs it.
 // The destructors close what is still open.
+//
+// Threads in the daemon: log files are opened and read on the web server's
+// worker thread that serves the request; the private listening socket is
+// bound on the main thread, after which only the web server reads its handle
+// (registerProvider, which waits for it).
 #pragma once
 
 #include <cstddef>

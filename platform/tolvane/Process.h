@@ -14,6 +14,8 @@
 // Threads: runCommand may be called from any number of threads at once; each
 // call blocks its thread only. abortRunningCommands may be called from any
 // thread and from a signal handler (it only reads atomics and sends signals).
+// The daemon runs its collection scripts on the web server's worker threads
+// and aborts them from its SIGTERM thread.
 //
 // Errors: no exception is thrown. A shell that cannot be started gives a
 // negative status (minus the errno of the failure) and nothing is waited for.

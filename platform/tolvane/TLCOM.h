@@ -6,6 +6,10 @@
 //   operations are safe from any thread. The daemon loads one library,
 //   "libzunalui_settingsmanager.so", and asks for the service
 //   "SettingsManagerProxy" with interface "localui::ISettingsManager".
+// - Threads: the daemon loads the library and gets the service on its main
+//   thread, in the configuration management service's constructor; a
+//   library's registration code runs inside loadLibrary, on the caller's
+//   thread.
 // - Ownership: getService returns a new counted reference; the caller's
 //   SmartPtr owns it. Loaded libraries stay loaded until the process exits.
 // - Errors: loadLibrary returns non-zero and getService null; the manager

@@ -8,7 +8,13 @@
 // - A request reaches a provider on a worker thread of the server, already
 //   parsed (method and normalised path); the provider owns neither the socket
 //   nor the request, which stay valid until handleRequest returns. Several
-//   requests may run in one provider at once.
+//   requests may run in one provider at once. The server's network thread
+//   never waits for a provider, so a provider may block its worker (the
+//   daemon runs a collection script of up to 10 s there). The host server has
+//   at most four workers, shared with the UPnP stack's own HTTP port.
+// - Threads: the daemon registers its provider and socket on the main thread
+//   and never unregisters them while it runs; unregisterProvider must not be
+//   called from the provider's own handleRequest (it would wait for itself).
 // - Providers and listening sockets are not owned: a provider must stay alive
 //   until unregisterProvider has returned (which waits for its requests), a
 //   socket until unregisterSocket has returned.
@@ -30,7 +36,8 @@ class ServerSocket;
 
 namespace zuna_http {
 
-// Byte stream of one connection.
+// Byte stream of one connection, used only by the worker thread that runs
+// the request.
 class ReaderWriter {
  public:
   virtual ~ReaderWriter() = default;
@@ -76,7 +83,9 @@ class WebRequest {
 };
 
 // One accepted connection handed to a provider. The provider writes a head
-// (send) and then the body (write), and closes it.
+// (send) and then the body (write), and closes it, all on the worker thread
+// that runs the request. A write blocks until all of it is handed to the
+// network (the host server gives up on a peer that takes nothing for 60 s).
 class WebSocket {
  public:
   virtual ~WebSocket() = default;

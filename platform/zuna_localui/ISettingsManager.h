@@ -6,8 +6,9 @@
 // - Reference-counted; the daemon holds the one it obtains through
 //   TLCOM::GetServiceHelper for the life of the process. Without it the
 //   daemon cannot run: it logs and exits with status 1.
-// - Every operation is safe from any thread; the daemon calls it from the
-//   configuration management service's dispatcher and its status thread.
+// - Every operation is safe from any thread. The daemon obtains it on the
+//   main thread and calls storeFileSetting and saveFileSettings on the
+//   configuration management service's dispatcher (SetValues).
 // - Errors: false (storeFileSetting, saveFileSettings) or "" (an unknown key);
 //   nothing is thrown. saveFileSettings writes all stored settings or none.
 #pragma once

@@ -8,10 +8,12 @@
 // - Every operation is safe from any thread. init(), start() and stop()
 //   return true on success; the daemon logs nothing on false and carries on
 //   (a box without a monitor runs on the interfaces that exist at start).
-// - Observers are not owned. They are called on the monitor's own thread,
-//   never with a lock held that addObserver or removeObserver take; after
-//   removeObserver returns the observer is not called again and may be
-//   destroyed.
+// - Observers are not owned. They are called on the monitor's own thread;
+//   after removeObserver returns the observer is not called again and may be
+//   destroyed (called on another thread during a callback, it waits for the
+//   callback to return). An observer must return promptly and must not wait
+//   for a thread that may be calling removeObserver: the host controller's
+//   observer only posts the change to the stack's GLib thread.
 #pragma once
 
 #include <memory>
@@ -42,8 +44,10 @@ class NetworkManager : public Tolvane::RefCount {
   // Stops watching and joins the monitor's thread. Idempotent.
   bool stop();
 
-  // Names of the interfaces that are up and have an IPv4 address.
+  // Names of the interfaces that are up and have an IPv4 address. Any thread.
   Tolvane::StringVector getActiveInterfaces();
+  // Any thread, an observer's callback included. The host UPnP controller
+  // adds its observer in init() and removes it in shutdown().
   void addObserver(Observer* observer);
   void removeObserver(Observer* observer);
 

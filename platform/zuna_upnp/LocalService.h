@@ -33,6 +33,11 @@ class RootDevice;
 // - An action handler may block its dispatcher (SetValues waits up to 5 s);
 //   the stack keeps answering other services and the network meanwhile, and
 //   answers the control point when the handler returns.
+// - Threads: the constructor and the set-up run on the main thread (the
+//   daemon builds its services in its device's constructor); action handlers
+//   and the agents posted to getDispatcher() run on the dispatcher;
+//   handleRequest runs on a worker thread of the web server. The stack itself
+//   only reads the variables, on its own network thread.
 class LocalService : public zuna_http::WebServiceProvider {
  public:
   LocalService(LocalDevice* parent, RootDevice* root);
@@ -77,19 +82,26 @@ class LocalService : public zuna_http::WebServiceProvider {
 
   // Sends the evented variables changed since the last send to every
   // subscriber in one event message. False when nothing had changed.
+  // Called from any thread (the daemon: its services' dispatchers, and the
+  // main thread while a service is built); it hands the changes to the
+  // stack's network thread and returns without waiting for the message.
   bool sendChangedVars();
-  // True when at least one control point holds a subscription.
+  // True when at least one control point holds a subscription. Any thread.
   bool hasSubscribers() const;
 
-  // Web requests for the service's own URLs; the default answers 404.
+  // Web requests for the service's own URLs; the default answers 404. Runs on
+  // a worker thread of the web server.
   void handleRequest(zuna_http::WebSocket* socket, zuna_http::WebRequest* request) override;
 
   // Sets a state variable from a parameter change; overridden by services
   // that keep a data model. The default sets the variable named key and
-  // returns whether it exists.
+  // returns whether it exists. Called on any thread; the stack never calls
+  // it (the configuration management service's override moves the change to
+  // the service's dispatcher).
   virtual bool updateServiceParam(std::string key, std::string value, bool flag);
 
   // The service dispatcher: actions and the service's own agents run here.
+  // Exists from construction until the destructor; safe from any thread.
   Tolvane::EventDispatcher* getDispatcher() const;
 
   // The stack's own state of the service (network binding); opaque here.

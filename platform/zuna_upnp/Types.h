@@ -2,8 +2,9 @@
 //
 // Contract: UPnPReturn, TypeID and Var are plain values. Vars is the one
 // shared object here: every operation takes its own lock, so services set
-// variables from their dispatchers and status threads while the stack reads
-// them for events.
+// variables on their dispatchers (and on the main thread while they are
+// built) while the stack reads them on its network thread, for the first
+// event of a new subscriber.
 #pragma once
 
 #include <memory>
