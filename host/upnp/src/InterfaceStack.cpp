@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "SoupRouting.h"
 #include "tolvane/Logging.h"
+#include "zuna_http_host/SoupRouting.h"
 
 TL_REGISTER_LOGGING(true, 5);
 

@@ -11,9 +11,9 @@
 #include <vector>
 
 #include "ServiceBinding.h"
-#include "SoupAcceptor.h"
 #include "SubscriptionPolicy.h"
 #include "zuna_http/WebServer.h"
+#include "zuna_http_host/SoupAcceptor.h"
 #include "zuna_upnp/LocalDevice.h"
 
 namespace zuna_upnp {

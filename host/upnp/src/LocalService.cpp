@@ -5,9 +5,9 @@
 #include "DescriptionXml.h"
 #include "FunctionAgent.h"
 #include "ServiceBinding.h"
-#include "ThreadSignals.h"
 #include "tolvane/EventThread.h"
 #include "tolvane/Logging.h"
+#include "tolvane_host/ThreadSignals.h"
 #include "zuna_upnp/LocalDevice.h"
 
 TL_REGISTER_LOGGING(true, 5);
@@ -34,10 +34,10 @@ struct LocalService::Impl {
 LocalService::LocalService(LocalDevice* parent, RootDevice* root) : mImpl(std::make_unique<Impl>()) {
   mImpl->parent = parent;
   mImpl->root = root;
-  const ProcessSignalsBlockedForNewThreads signalsStayElsewhere;
+  const Tolvane::host::ProcessSignalsBlockedForNewThreads signalsStayElsewhere;
   mImpl->dispatcher = std::make_unique<Tolvane::EventThread>("UPnPService");
   mImpl->dispatcher->post(Tolvane::SmartPtr<Tolvane::EventAgent>(new FunctionAgent(this, [] {
-    if (!runInBackground()) {
+    if (!Tolvane::host::runInBackground()) {
       TL_LOG(2, "UPnP service thread keeps its scheduling policy");
     }
   })));

@@ -26,6 +26,7 @@
 #include "statusstore_host/LocalStatusManager.h"
 #include "tolvane/EventThread.h"
 #include "tolvane_host/HostPlatformSettings.h"
+#include "zuna_http_host/HostWebServer.h"
 #include "zuna_upnp/LocalDevice.h"
 #include "zuna_upnp_host/HostController.h"
 
@@ -149,7 +150,7 @@ class BasicManagementTest : public ::testing::Test {
     statusstore::setInstanceForTest(&store);
     webServer.controller = &controller;
     zuna_upnp::host::setControllerForTest(&controller);
-    zuna_upnp::host::setWebServerForTest(&webServer);
+    zuna_http::host::setWebServerForTest(&webServer);
     device.setTypeID(zuna_upnp::TypeID("ManageableDevice", "schemas-upnp-org", 1, zuna_upnp::TypeID::DEVICE));
     device.makeURLs();
     mHooked = true;
@@ -158,7 +159,7 @@ class BasicManagementTest : public ::testing::Test {
   void TearDown() override {
     service.reset();
     if (mHooked) {
-      zuna_upnp::host::setWebServerForTest(nullptr);
+      zuna_http::host::setWebServerForTest(nullptr);
       zuna_upnp::host::setControllerForTest(nullptr);
       statusstore::setInstanceForTest(nullptr);
       Tolvane::host::setPlatformSettingsForTest(nullptr);

@@ -4,6 +4,7 @@
 
 #include "TestServices.h"
 #include "tolvane/File.h"
+#include "zuna_http_host/HostWebServer.h"
 #include "zuna_upnp_host/HostController.h"
 #include "zuna_upnp_host/UpnpStack.h"
 
@@ -73,9 +74,9 @@ TEST(HostController, TestHooksReplaceTheSingletons) {
   zuna_http::WebServer* server = zuna_http::WebServer::getSingleton();
   ASSERT_NE(server, nullptr);
   FakeWebServer fake;
-  zuna_upnp::host::setWebServerForTest(&fake);
+  zuna_http::host::setWebServerForTest(&fake);
   EXPECT_EQ(zuna_http::WebServer::getSingleton(), &fake);
-  zuna_upnp::host::setWebServerForTest(nullptr);
+  zuna_http::host::setWebServerForTest(nullptr);
   EXPECT_EQ(zuna_http::WebServer::getSingleton(), server);
 }
 

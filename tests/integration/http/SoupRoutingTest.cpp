@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "SoupRouting.h"
+#include "zuna_http_host/SoupRouting.h"
 
 namespace {
 

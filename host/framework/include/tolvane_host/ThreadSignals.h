@@ -1,4 +1,5 @@
-// Threads of the stack leave process signals to the daemon's own threads.
+// Threads of the host's services (the UPnP stack, the web server, the
+// network monitor) leave process signals to the daemon's own threads.
 #pragma once
 
 #include <pthread.h>
@@ -6,7 +7,7 @@
 
 #include <csignal>
 
-namespace zuna_upnp {
+namespace Tolvane::host {
 
 // Blocks every signal but those a fault raises in the thread itself. The
 // daemon stops from a SIGTERM handler; run on a thread that is inside GLib or
@@ -46,4 +47,4 @@ class ProcessSignalsBlockedForNewThreads {
   sigset_t mPrevious;
 };
 
-}  // namespace zuna_upnp
+}  // namespace Tolvane::host

@@ -1,4 +1,4 @@
-#include "SoupAcceptor.h"
+#include "zuna_http_host/SoupAcceptor.h"
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>

@@ -1,17 +1,18 @@
-#include "MainLoop.h"
+#include "zuna_http_host/MainLoop.h"
 
 #include <pthread.h>
 
 #include <condition_variable>
 #include <mutex>
+#include <set>
+#include <string>
 
-#include "DirectProxyResolver.h"
-#include "ThreadSignals.h"
 #include "tolvane/Logging.h"
+#include "tolvane_host/ThreadSignals.h"
 
 TL_REGISTER_LOGGING(true, 5);
 
-namespace zuna_upnp {
+namespace zuna_http::host {
 
 namespace {
 
@@ -25,20 +26,6 @@ gboolean runWork(gpointer data) {
 
 void deleteWork(gpointer data) { delete static_cast<std::function<void()>*>(data); }
 
-// The libraries under the stack report through GLib's logging; their
-// messages belong in the daemon's log with everything else.
-constexpr const char* kStackLogDomains[] = {"gupnp-acl",
-                                            "gupnp-context",
-                                            "gupnp-device",
-                                            "gupnp-device-info",
-                                            "gupnp-resource-factory",
-                                            "gupnp-root-device",
-                                            "gupnp-service",
-                                            "gupnp-xml-doc",
-                                            "gssdp-client",
-                                            "gssdp-net",
-                                            "libsoup"};
-
 void forwardLibraryMessage(const gchar* domain, GLogLevelFlags flags, const gchar* message, gpointer /*data*/) {
   int level = 7;
   if ((flags & (G_LOG_LEVEL_ERROR | G_LOG_LEVEL_CRITICAL)) != 0) {
@@ -51,21 +38,22 @@ void forwardLibraryMessage(const gchar* domain, GLogLevelFlags flags, const gcha
   TL_LOG(level, "[%s] %s", domain != nullptr ? domain : "", message != nullptr ? message : "");
 }
 
-void forwardLibraryLogging() {
-  static std::once_flag once;
-  std::call_once(once, [] {
-    for (const char* domain : kStackLogDomains) {
+}  // namespace
+
+void forwardLibraryLogging(std::initializer_list<const char*> domains) {
+  static std::mutex forwardedMutex;
+  static std::set<std::string> forwarded;
+  std::lock_guard<std::mutex> lock(forwardedMutex);
+  for (const char* domain : domains) {
+    if (forwarded.insert(domain).second) {
       g_log_set_handler(domain, GLogLevelFlags(G_LOG_LEVEL_MASK | G_LOG_FLAG_FATAL | G_LOG_FLAG_RECURSION),
                         forwardLibraryMessage, nullptr);
     }
-  });
+  }
 }
 
-}  // namespace
-
 std::shared_ptr<MainLoop> MainLoop::acquire() {
-  forwardLibraryLogging();
-  useDirectConnections();
+  forwardLibraryLogging({"libsoup"});
   std::lock_guard<std::mutex> lock(gInstanceMutex);
   std::shared_ptr<MainLoop> loop = gInstance.lock();
   if (!loop) {
@@ -81,8 +69,8 @@ MainLoop::MainLoop() : mContext(g_main_context_new()), mLoop(g_main_loop_new(mCo
   bool started = false;
   mThread = std::thread([this, &startedMutex, &startedCondition, &started] {
     pthread_setname_np(pthread_self(), "UPnPStack");
-    blockProcessSignals();
-    if (!runInBackground()) {
+    Tolvane::host::blockProcessSignals();
+    if (!Tolvane::host::runInBackground()) {
       TL_LOG(2, "UPnP stack thread keeps its scheduling policy");
     }
     g_main_context_push_thread_default(mContext);
@@ -152,4 +140,4 @@ void MainLoop::invokeAndWait(const std::function<void()>& work) {
   doneCondition.wait(lock, [&done] { return done; });
 }
 
-}  // namespace zuna_upnp
+}  // namespace zuna_http::host

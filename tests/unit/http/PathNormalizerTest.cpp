@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "zuna_upnp_host/PathNormalizer.h"
+#include "zuna_http_host/PathNormalizer.h"
 
 namespace {
 

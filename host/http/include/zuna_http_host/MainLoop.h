@@ -1,14 +1,21 @@
-// The one GLib main-loop thread that owns every GUPnP, GSSDP and libsoup
-// object of the process. Other threads hand it work.
+// The one GLib main-loop thread of the process, shared by the web server and
+// the UPnP stack: it owns every libsoup, GUPnP and GSSDP object. Other
+// threads hand it work.
 #pragma once
 
 #include <glib.h>
 
 #include <functional>
+#include <initializer_list>
 #include <memory>
 #include <thread>
 
-namespace zuna_upnp {
+namespace zuna_http::host {
+
+// The libraries on the loop report through GLib's logging; the messages of
+// these log domains go to the daemon's log with everything else from now on.
+// A domain already forwarded is left as it is.
+void forwardLibraryLogging(std::initializer_list<const char*> domains);
 
 class MainLoop {
  public:
@@ -38,4 +45,4 @@ class MainLoop {
   std::thread mThread;
 };
 
-}  // namespace zuna_upnp
+}  // namespace zuna_http::host

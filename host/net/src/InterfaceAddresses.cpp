@@ -1,4 +1,4 @@
-#include "InterfaceAddresses.h"
+#include "zuna_net_host/InterfaceAddresses.h"
 
 #include <arpa/inet.h>
 #include <ifaddrs.h>

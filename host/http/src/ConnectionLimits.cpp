@@ -15,8 +15,8 @@
 #include <malloc.h>
 #endif
 
-#include "SoupRouting.h"
 #include "tolvane/Logging.h"
+#include "zuna_http_host/SoupRouting.h"
 
 TL_REGISTER_LOGGING(true, 2);
 

@@ -13,9 +13,9 @@
 #include <thread>
 #include <vector>
 
-#include "InterfaceAddresses.h"
-#include "ThreadSignals.h"
 #include "tolvane/Logging.h"
+#include "tolvane_host/ThreadSignals.h"
+#include "zuna_net_host/InterfaceAddresses.h"
 
 TL_REGISTER_LOGGING(true, 5);
 
@@ -114,7 +114,7 @@ void NetworkManager::Impl::notifyIfChanged() {
 
 void NetworkManager::Impl::run() {
   pthread_setname_np(pthread_self(), "NetworkMonitor");
-  zuna_upnp::blockProcessSignals();
+  Tolvane::host::blockProcessSignals();
   g_main_context_push_thread_default(context);
   GSource* watch = g_unix_fd_source_new(netlinkFd, G_IO_IN);
   g_source_set_callback(watch, G_SOURCE_FUNC(onNetlinkReadable), this, nullptr);

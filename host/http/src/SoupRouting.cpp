@@ -1,11 +1,11 @@
-#include "SoupRouting.h"
+#include "zuna_http_host/SoupRouting.h"
 
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "RequestPool.h"
 #include "tolvane/Logging.h"
-#include "zuna_upnp_host/PathNormalizer.h"
+#include "zuna_http_host/PathNormalizer.h"
+#include "zuna_http_host/RequestPool.h"
 
 TL_REGISTER_LOGGING(true, 2);
 

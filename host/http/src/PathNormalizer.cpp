@@ -1,4 +1,4 @@
-#include "zuna_upnp_host/PathNormalizer.h"
+#include "zuna_http_host/PathNormalizer.h"
 
 #include <glib.h>
 

@@ -1,3 +1,5 @@
+#include "zuna_http_host/HostWebServer.h"
+
 #include <libsoup/soup.h>
 #include <unistd.h>
 
@@ -7,13 +9,12 @@
 #include <memory>
 #include <mutex>
 
-#include "MainLoop.h"
-#include "RequestPool.h"
-#include "SoupAcceptor.h"
-#include "SoupRouting.h"
 #include "tolvane/File.h"
 #include "tolvane/Logging.h"
-#include "zuna_upnp_host/HostController.h"
+#include "zuna_http_host/MainLoop.h"
+#include "zuna_http_host/RequestPool.h"
+#include "zuna_http_host/SoupAcceptor.h"
+#include "zuna_http_host/SoupRouting.h"
 
 TL_REGISTER_LOGGING(true, 5);
 
@@ -43,7 +44,7 @@ class HostWebServer : public WebServer {
 
   // Guards the loop pointer; the listeners belong to the GLib thread.
   std::mutex mMutex;
-  std::shared_ptr<zuna_upnp::MainLoop> mLoop;
+  std::shared_ptr<MainLoop> mLoop;
   std::map<Tolvane::ServerSocket*, Listener> mListeners;
 };
 
@@ -65,11 +66,11 @@ bool HostWebServer::registerProvider(WebServiceProvider* provider, Tolvane::Serv
   if (provider == nullptr || socket == nullptr || socket->getHandle() < 0 || method == METHOD_UNKNOWN) {
     return false;
   }
-  std::shared_ptr<zuna_upnp::MainLoop> loop;
+  std::shared_ptr<MainLoop> loop;
   {
     std::lock_guard<std::mutex> lock(mMutex);
     if (!mLoop) {
-      mLoop = zuna_upnp::MainLoop::acquire();
+      mLoop = MainLoop::acquire();
     }
     loop = mLoop;
   }
@@ -89,7 +90,7 @@ bool HostWebServer::registerProvider(WebServiceProvider* provider, Tolvane::Serv
 }
 
 void HostWebServer::unregisterSocket(Tolvane::ServerSocket* socket) {
-  std::shared_ptr<zuna_upnp::MainLoop> loop;
+  std::shared_ptr<MainLoop> loop;
   {
     std::lock_guard<std::mutex> lock(mMutex);
     loop = mLoop;
@@ -118,7 +119,7 @@ void HostWebServer::unregisterSocket(Tolvane::ServerSocket* socket) {
 }
 
 void HostWebServer::unregisterProvider(WebServiceProvider* provider) {
-  std::shared_ptr<zuna_upnp::MainLoop> loop;
+  std::shared_ptr<MainLoop> loop;
   {
     std::lock_guard<std::mutex> lock(mMutex);
     loop = mLoop;
@@ -145,12 +146,6 @@ void HostWebServer::unregisterProvider(WebServiceProvider* provider) {
 
 }  // namespace zuna_http::host
 
-namespace zuna_upnp::host {
-
-void setWebServerForTest(zuna_http::WebServer* server) { zuna_http::host::gTestServer.store(server); }
-
-}  // namespace zuna_upnp::host
-
 namespace zuna_http {
 
 WebServer* WebServer::getSingleton() {
@@ -161,5 +156,7 @@ WebServer* WebServer::getSingleton() {
   static WebServer* instance = new host::HostWebServer();
   return instance;
 }
+
+void host::setWebServerForTest(WebServer* server) { gTestServer.store(server); }
 
 }  // namespace zuna_http

@@ -1,4 +1,4 @@
-#include "RequestPool.h"
+#include "zuna_http_host/RequestPool.h"
 
 #include <pthread.h>
 #include <unistd.h>
@@ -7,7 +7,7 @@
 #include <thread>
 
 #include "RawConnection.h"
-#include "ThreadSignals.h"
+#include "tolvane_host/ThreadSignals.h"
 
 namespace zuna_http::host {
 
@@ -55,7 +55,7 @@ void RequestPool::drain(WebServiceProvider* provider) {
 
 void RequestPool::work() {
   pthread_setname_np(pthread_self(), "WebRequest");
-  zuna_upnp::blockProcessSignals();
+  Tolvane::host::blockProcessSignals();
   std::unique_lock<std::mutex> lock(mMutex);
   for (;;) {
     ++mIdleWorkers;
