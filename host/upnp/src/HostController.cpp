@@ -93,7 +93,6 @@ void HostController::shutdown() {
   if (!loop) {
     return;
   }
-  mCore->interfaces->sayGoodbye(*loop);
   loop->invokeAndWait([this] {
     mCore->interfaces->closeStacks();
     mCore->actions->forgetPending();

@@ -19,10 +19,6 @@ using zuna_http::host::MainLoop;
 
 namespace {
 
-// Shutdown waits this long at most for byebyes still queued behind alives.
-constexpr unsigned kMaxGoodbyeMs = 1000;
-constexpr unsigned kGoodbyeMarginMs = 30;
-
 int configuredPort(int requested) {
   if (requested >= 0) {
     return requested;
@@ -142,21 +138,8 @@ std::shared_ptr<MainLoop> InterfaceReconciler::stopFollowing() {
   return loop;
 }
 
-void InterfaceReconciler::sayGoodbye(MainLoop& stopping) {
-  unsigned drainMs = 0;
-  bool advertised = false;
-  stopping.invokeAndWait([this, &drainMs, &advertised] {
-    for (auto& stack : mStacks) {
-      drainMs = std::max(drainMs, stack.second->sayGoodbye());
-      advertised = true;
-    }
-  });
-  if (advertised && !stopping.isLoopThread()) {
-    // The byebyes leave from GSSDP's queue on the GLib thread meanwhile.
-    std::this_thread::sleep_for(std::chrono::milliseconds(std::min(drainMs, kMaxGoodbyeMs) + kGoodbyeMarginMs));
-  }
-}
-
+// A stack dropped with its devices still available says byebye for every
+// resource they announced, all at once on this thread (InterfaceStack).
 void InterfaceReconciler::closeStacks() { mStacks.clear(); }
 
 std::vector<std::string> InterfaceReconciler::runningInterfaces() {

@@ -39,9 +39,6 @@ class InterfaceReconciler : public zuna::net::NetworkManager::Observer,
   // Stops following and forgets devices and providers; the stacks still run
   // on the loop returned (nullptr when none ran) until closeStacks.
   std::shared_ptr<zuna_http::host::MainLoop> stopFollowing();
-  // Withdraws every device and waits (not on the loop's own thread) for the
-  // byebyes to leave.
-  void sayGoodbye(zuna_http::host::MainLoop& stopping);
 
   std::vector<std::string> runningInterfaces();
   std::string location(const std::string& interfaceName, RootDevice* device);

@@ -272,6 +272,10 @@ void InterfaceStack::unpublish(Published& published) {
     g_object_unref(endpoint.gupnpService);
   }
   published.endpoints.clear();
+  // Still available, the device's resource group sends a byebye for every
+  // resource as it goes, after any alives still queued, all at once. Made
+  // unavailable first, GSSDP would pace them through its queue and drop
+  // those still queued (on a loaded box, most of them).
   g_object_unref(published.root);
   published.root = nullptr;
 }
@@ -311,16 +315,6 @@ void InterfaceStack::notify(LocalService* service, const VarChanges& changes) {
       gupnp_service_thaw_notify(endpoint.gupnpService);
     }
   }
-}
-
-unsigned InterfaceStack::sayGoodbye() {
-  // Nothing to do before the devices go: a resource group that is still
-  // available sends a byebye for every resource when it is disposed, right
-  // after whatever alives are still queued, all at once on this thread.
-  // Taken unavailable first, GSSDP would pace the byebyes through its queue
-  // and drop those still queued when the stack is taken down (on a loaded
-  // box, most of them).
-  return 0;
 }
 
 void InterfaceStack::detachFromNetwork() {

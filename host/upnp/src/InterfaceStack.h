@@ -50,9 +50,6 @@ class InterfaceStack {
   void removeRoutes(zuna_http::WebServiceProvider* provider);
   // Sends the changes to the service's subscribers in one event message.
   void notify(LocalService* service, const VarChanges& changes);
-  // Withdraws every advertised device; returns how long, in milliseconds,
-  // the byebye messages take to leave GSSDP's queue.
-  unsigned sayGoodbye();
   // The interface went down or lost its address: nothing more is sent.
   void detachFromNetwork();
 
