@@ -49,6 +49,8 @@ bool names(const Box& box, const std::string& name) {
          name == box.host;
 }
 
+constexpr int kContextAttempts = 8;
+
 }  // namespace
 
 std::string defaultInterface() {
@@ -70,7 +72,12 @@ std::string defaultInterface() {
 Discovery::Discovery(const std::string& interfaceName) {
   const std::string chosen = interfaceName.empty() ? defaultInterface() : interfaceName;
   GError* error = nullptr;
-  mContext = gupnp_context_new_full(chosen.c_str(), nullptr, 0, GSSDP_UDA_VERSION_1_0, &error);
+  // GUPnP listens for events on the TCP port of the number GSSDP drew for its
+  // UDP socket, which a TCP connection may hold: another draw then does.
+  for (int attempt = 0; attempt < kContextAttempts && mContext == nullptr; ++attempt) {
+    g_clear_error(&error);
+    mContext = gupnp_context_new_full(chosen.c_str(), nullptr, 0, GSSDP_UDA_VERSION_1_0, &error);
+  }
   if (mContext == nullptr) {
     const std::string message = "cannot use interface " + chosen + ": " + error->message;
     g_clear_error(&error);
