@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "ClientHomeDiagnostics.h"
-#include "FixedPlatformSettings.h"
+#include "FakePlatformSettings.h"
 #include "ManageableDevice.h"
 #include "tolvane/Logging.h"
 #include "tolvane/PlatformSettings.h"
@@ -59,18 +59,19 @@ class SpineTest : public ::testing::Test {
     std::ofstream(conf) << "[platform]\nlog_path=" << sTmp << "/log\nethernet_interface=lo\n"
                         << "[statusstore]\nbus=none\n[settings]\nfile=" << sTmp << "/settings.conf\n";
     setenv("CHD_PLATFORM_CONFIG", conf.c_str(), 1);  // NOLINT(concurrency-mt-unsafe): before any thread
-    sPlatform = new FixedPlatformSettings();
-    sPlatform->logPath = sTmp + "/log";
-    sPlatform->ethernet = "lo";
+    sPlatform = new chdtest::FakePlatformSettings();
+    sPlatform->setIdentity("ABC", "Acme", "42");
+    sPlatform->setLogPath(sTmp + "/log");
+    sPlatform->setInterfaces("", "lo");
     Tolvane::host::setPlatformSettingsForTest(sPlatform);
   }
 
   static std::string sTmp;
-  static FixedPlatformSettings* sPlatform;
+  static chdtest::FakePlatformSettings* sPlatform;
 };
 
 std::string SpineTest::sTmp;
-FixedPlatformSettings* SpineTest::sPlatform = nullptr;
+chdtest::FakePlatformSettings* SpineTest::sPlatform = nullptr;
 
 // Runs the whole start sequence on a thread, checks the device, then stops.
 TEST_F(SpineTest, StartBuildsTheDeviceAndStopWakesTheMainThread) {

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -183,6 +184,8 @@ int LogCapture::count(int level, const std::string& text) {
 }
 
 void BlobWriterTest::SetUp() {
+  // The blob carries the Wi-Fi figures unless a test says the box has none.
+  mPlatform.setWifi(true);
   Tolvane::host::setClock(&mClock);
   Tolvane::host::setPlatformSettingsForTest(&mPlatform);
   statusstore::setInstanceForTest(&mStore);

@@ -2,22 +2,13 @@
 
 #include <sys/utsname.h>
 
+#include "FakeWebServer.h"
 #include "TestServices.h"
 #include "tolvane/File.h"
 #include "zuna_upnp_host/HostController.h"
 #include "zuna_upnp_host/UpnpStack.h"
 
 namespace {
-
-class FakeWebServer : public zuna_http::WebServer {
- public:
-  bool registerProvider(zuna_http::WebServiceProvider* /*provider*/, Tolvane::ServerSocket* /*socket*/,
-                        Method /*method*/, const std::string& /*path*/) override {
-    return true;
-  }
-  void unregisterSocket(Tolvane::ServerSocket* /*socket*/) override {}
-  void unregisterProvider(zuna_http::WebServiceProvider* /*provider*/) override {}
-};
 
 class NullProvider : public zuna_http::WebServiceProvider {
  public:
@@ -72,7 +63,7 @@ TEST(HostController, TestHooksReplaceTheSingletons) {
 
   zuna_http::WebServer* server = zuna_http::WebServer::getSingleton();
   ASSERT_NE(server, nullptr);
-  FakeWebServer fake;
+  chdtest::FakeWebServer fake;
   zuna_upnp::host::setWebServerForTest(&fake);
   EXPECT_EQ(zuna_http::WebServer::getSingleton(), &fake);
   zuna_upnp::host::setWebServerForTest(nullptr);
