@@ -1,6 +1,6 @@
 // Test doubles around the basic management service that no other area needs:
-// a log-collection listener, collection script runners and a log recorder
-// (the platform's doubles are in tests/support).
+// a log-collection listener and collection script runners (the platform's
+// doubles and the log recorder are in tests/support).
 #pragma once
 
 #include <atomic>
@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "BasicManagementListener.h"
+#include "LogRecorder.h"
 #include "LogWatchHandler.h"
-#include "tolvane/Logging.h"
 #include "tolvane/Process.h"
 
 namespace bmtest {
@@ -77,56 +77,6 @@ class ShellWithStandIn : public ScriptRunner {
   std::vector<Tolvane::CommandResult> mResults;
 };
 
-// Collects every log message of the process while it exists.
-class LogRecorder {
- public:
-  LogRecorder() {
-    mId = logging_add_observer([this](int level, const std::string& /*file*/, const std::string& message) {
-      std::lock_guard<std::mutex> lock(mMutex);
-      mLines.emplace_back(level, message);
-    });
-  }
-  ~LogRecorder() { logging_remove_observer(mId); }
-  LogRecorder(const LogRecorder&) = delete;
-  LogRecorder& operator=(const LogRecorder&) = delete;
-
-  // How many messages at that level contain the text.
-  int count(int level, const std::string& text) const {
-    std::lock_guard<std::mutex> lock(mMutex);
-    int found = 0;
-    for (const auto& line : mLines) {
-      if (line.first == level && line.second.find(text) != std::string::npos) {
-        ++found;
-      }
-    }
-    return found;
-  }
-  // How many messages at that level are exactly the text.
-  int exact(int level, const std::string& text) const {
-    std::lock_guard<std::mutex> lock(mMutex);
-    int found = 0;
-    for (const auto& line : mLines) {
-      found += line.first == level && line.second == text ? 1 : 0;
-    }
-    return found;
-  }
-  int countAnyLevel(const std::string& text) const {
-    std::lock_guard<std::mutex> lock(mMutex);
-    int found = 0;
-    for (const auto& line : mLines) {
-      found += line.second.find(text) != std::string::npos ? 1 : 0;
-    }
-    return found;
-  }
-  void clear() {
-    std::lock_guard<std::mutex> lock(mMutex);
-    mLines.clear();
-  }
-
- private:
-  int mId = 0;
-  mutable std::mutex mMutex;
-  std::vector<std::pair<int, std::string>> mLines;
-};
+using chdtest::LogRecorder;
 
 }  // namespace bmtest

@@ -12,7 +12,6 @@
 #include <set>
 #include <stdexcept>
 
-#include "tolvane/Logging.h"
 #include "tolvane_host/HostPlatformSettings.h"
 
 namespace blobtest {
@@ -161,26 +160,6 @@ std::vector<std::string> BlobCollector::blobs() {
 std::vector<StatusMap> BlobCollector::historyUpdates() {
   const std::lock_guard<std::mutex> guard(mMutex);
   return mHistoryUpdates;
-}
-
-LogCapture::LogCapture() {
-  mId = logging_add_observer([this](int level, const std::string& /*file*/, const std::string& message) {
-    const std::lock_guard<std::mutex> guard(mMutex);
-    mLines.push_back(Line{level, message});
-  });
-}
-
-LogCapture::~LogCapture() { logging_remove_observer(mId); }
-
-int LogCapture::count(int level, const std::string& text) {
-  const std::lock_guard<std::mutex> guard(mMutex);
-  int found = 0;
-  for (const Line& line : mLines) {
-    if (line.level == level && line.message.find(text) != std::string::npos) {
-      ++found;
-    }
-  }
-  return found;
 }
 
 void BlobWriterTest::SetUp() {

@@ -70,26 +70,6 @@ class BlobCollector : public IStatusUpdateListener {
   std::vector<StatusMap> mHistoryUpdates;
 };
 
-// Log lines seen while the object lives.
-class LogCapture {
- public:
-  LogCapture();
-  ~LogCapture();
-  LogCapture(const LogCapture&) = delete;
-  LogCapture& operator=(const LogCapture&) = delete;
-  // Number of lines at exactly this level that contain the text.
-  int count(int level, const std::string& text);
-
- private:
-  struct Line {
-    int level;
-    std::string message;
-  };
-  std::mutex mMutex;
-  std::vector<Line> mLines;
-  int mId;
-};
-
 class BlobWriterTest : public ::testing::Test {
  protected:
   void SetUp() override;
