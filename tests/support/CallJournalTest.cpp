@@ -1,15 +1,12 @@
 #include "CallJournal.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <thread>
+#include <vector>
 
 namespace chdtest {
 namespace {
-
-using ::testing::ElementsAre;
-using ::testing::Pair;
 
 TEST(CallJournal, KeepsCallsInTheOrderTheyCame) {
   CallJournal journal;
@@ -18,7 +15,8 @@ TEST(CallJournal, KeepsCallsInTheOrderTheyCame) {
   journal.record("one", &first);
   journal.record("two", &second);
   journal.record("one", &second);
-  EXPECT_THAT(journal.calls(), ElementsAre(Pair("one", &first), Pair("two", &second), Pair("one", &second)));
+  const std::vector<CallJournal::Call> expected = {{"one", &first}, {"two", &second}, {"one", &second}};
+  EXPECT_EQ(expected, journal.calls());
   journal.clear();
   EXPECT_TRUE(journal.calls().empty());
 }

@@ -5,7 +5,7 @@
 
 namespace chdtest {
 
-FakeController::FakeController(CallJournal* journal) : mJournal(journal != nullptr ? journal : &mOwnJournal) {}
+FakeController::FakeController(CallJournal* journal) : mRegistry(journal) {}
 
 bool FakeController::init(zuna::net::NetworkManager* monitor, Tolvane::StringVector interfaces,
                           Tolvane::StringVector serverNames) {
@@ -25,17 +25,17 @@ bool FakeController::addRootDevice(zuna_upnp::RootDevice* device) {
 
 bool FakeController::registerWebProvider(zuna_http::WebServiceProvider* provider, const std::string& method,
                                          const std::string& path) {
-  mJournal->record("registerWebProvider " + method + " " + path, provider);
+  mRegistry.journal().record("registerWebProvider " + method + " " + path, provider);
   if (provider == nullptr || zuna_http::WebServer::getMethod(method) != zuna_http::WebServer::METHOD_GET) {
     return false;
   }
-  mRoutes.add({nullptr, zuna_http::WebServer::METHOD_GET, path, provider});
+  mRegistry.add({nullptr, zuna_http::WebServer::METHOD_GET, path, provider});
   return true;
 }
 
 void FakeController::unregisterWebProvider(zuna_http::WebServiceProvider* provider) {
-  mJournal->record("unregisterWebProvider", provider);
-  mRoutes.removeProvider(provider);
+  mRegistry.journal().record("unregisterWebProvider", provider);
+  mRegistry.removeProvider(provider);
 }
 
 std::string FakeController::getServerString() {
@@ -54,7 +54,7 @@ void FakeController::setServerString(const std::string& server) {
 }
 
 zuna_http::WebServiceProvider* FakeController::providerFor(const std::string& path) const {
-  return mRoutes.find(nullptr, zuna_http::WebServer::METHOD_GET, path);
+  return mRegistry.find(nullptr, zuna_http::WebServer::METHOD_GET, path);
 }
 
 std::vector<FakeController::InitCall> FakeController::initCalls() const {

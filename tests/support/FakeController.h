@@ -7,8 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "CallJournal.h"
-#include "ProviderRoutes.h"
+#include "ProviderRegistry.h"
 #include "zuna_upnp/Controller.h"
 
 namespace chdtest {
@@ -45,12 +44,10 @@ class FakeController : public zuna_upnp::Controller {
   std::vector<InitCall> initCalls() const;
   std::vector<zuna_upnp::RootDevice*> rootDevices() const;
   int shutdownCalls() const;
-  CallJournal& journal() { return *mJournal; }
+  CallJournal& journal() { return mRegistry.journal(); }
 
  private:
-  CallJournal mOwnJournal;
-  CallJournal* const mJournal;
-  ProviderRoutes mRoutes;
+  ProviderRegistry mRegistry;
   mutable std::mutex mMutex;
   std::vector<InitCall> mInitCalls;
   std::vector<zuna_upnp::RootDevice*> mRootDevices;

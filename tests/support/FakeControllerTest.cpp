@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "FakeProvider.h"
 #include "FakeWebServer.h"
 #include "zuna_upnp/LocalDevice.h"
 
@@ -11,11 +12,6 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::Pair;
-
-class NullProvider : public zuna_http::WebServiceProvider {
- public:
-  void handleRequest(zuna_http::WebSocket* /*socket*/, zuna_http::WebRequest* /*request*/) override {}
-};
 
 TEST(FakeController, RemembersEachInitAndShutdown) {
   FakeController controller;
@@ -43,8 +39,8 @@ TEST(FakeController, PublishesEachRootDeviceOnce) {
 
 TEST(FakeController, RoutesGetPathsToTheProviderOfTheLongestPrefix) {
   FakeController controller;
-  NullProvider logs;
-  NullProvider deep;
+  FakeProvider logs;
+  FakeProvider deep;
   EXPECT_TRUE(controller.registerWebProvider(&logs, "GET", "/var/log"));
   EXPECT_TRUE(controller.registerWebProvider(&deep, "GET", "/var/log/deep"));
   EXPECT_FALSE(controller.registerWebProvider(&logs, "POST", "/upload"));
@@ -72,7 +68,7 @@ TEST(FakeController, SharesAJournalWithTheWebServer) {
   CallJournal journal;
   FakeController controller(&journal);
   FakeWebServer server(&journal);
-  NullProvider provider;
+  FakeProvider provider;
   Tolvane::ServerSocket socket;
   controller.registerWebProvider(&provider, "GET", "/var/log");
   server.registerProvider(&provider, &socket, zuna_http::WebServer::METHOD_GET, "");

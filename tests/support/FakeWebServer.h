@@ -6,8 +6,7 @@
 #include <mutex>
 #include <string>
 
-#include "CallJournal.h"
-#include "ProviderRoutes.h"
+#include "ProviderRegistry.h"
 #include "zuna_http/WebServer.h"
 
 namespace chdtest {
@@ -31,12 +30,10 @@ class FakeWebServer : public zuna_http::WebServer {
   bool serve(Tolvane::ServerSocket* socket, zuna_http::WebSocket* connection, zuna_http::WebRequest* request);
   // The socket of the last registration that was accepted; null before any.
   Tolvane::ServerSocket* registeredSocket() const;
-  CallJournal& journal() { return *mJournal; }
+  CallJournal& journal() { return mRegistry.journal(); }
 
  private:
-  CallJournal mOwnJournal;
-  CallJournal* const mJournal;
-  ProviderRoutes mRoutes;
+  ProviderRegistry mRegistry;
   mutable std::mutex mMutex;
   Tolvane::ServerSocket* mRegisteredSocket = nullptr;
 };

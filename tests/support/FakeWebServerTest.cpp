@@ -4,8 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <vector>
 
+#include "FakeProvider.h"
 #include "FakeWebSocket.h"
 #include "tolvane/File.h"
 
@@ -14,20 +14,6 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::Pair;
-
-// Answers with its name, so the test sees which provider got the request.
-class NamedProvider : public zuna_http::WebServiceProvider {
- public:
-  explicit NamedProvider(std::string name) : mName(std::move(name)) {}
-  void handleRequest(zuna_http::WebSocket* socket, zuna_http::WebRequest* request) override {
-    paths.push_back(request->getPath());
-    socket->write(mName.data(), mName.size());
-  }
-  std::vector<std::string> paths;
-
- private:
-  std::string mName;
-};
 
 std::string get(FakeWebServer& server, Tolvane::ServerSocket* socket, const std::string& path,
                 const std::string& method = "GET") {
@@ -40,9 +26,9 @@ TEST(FakeWebServer, HandsEachRequestToTheProviderOfItsSocketMethodAndPath) {
   FakeWebServer server;
   Tolvane::ServerSocket first;
   Tolvane::ServerSocket second;
-  NamedProvider any("any");
-  NamedProvider logs("logs");
-  NamedProvider head("head");
+  FakeProvider any("any");
+  FakeProvider logs("logs");
+  FakeProvider head("head");
   ASSERT_TRUE(server.registerProvider(&any, &first, zuna_http::WebServer::METHOD_GET, ""));
   ASSERT_TRUE(server.registerProvider(&logs, &first, zuna_http::WebServer::METHOD_GET, "/var/log"));
   ASSERT_TRUE(server.registerProvider(&head, &second, zuna_http::WebServer::METHOD_HEAD, "/"));
@@ -52,7 +38,7 @@ TEST(FakeWebServer, HandsEachRequestToTheProviderOfItsSocketMethodAndPath) {
   EXPECT_EQ("unserved", get(server, &second, "/var/log/messages"));
   EXPECT_EQ("head", get(server, &second, "/x", "HEAD"));
   EXPECT_EQ("unserved", get(server, &first, "/x", "POST"));
-  EXPECT_THAT(logs.paths, ElementsAre("/var/log/messages"));
+  EXPECT_THAT(logs.paths(), ElementsAre("/var/log/messages"));
   EXPECT_EQ(&second, server.registeredSocket());
 }
 
@@ -60,8 +46,8 @@ TEST(FakeWebServer, UnregisteredSocketsAndProvidersGetNothing) {
   FakeWebServer server;
   Tolvane::ServerSocket first;
   Tolvane::ServerSocket second;
-  NamedProvider one("one");
-  NamedProvider two("two");
+  FakeProvider one("one");
+  FakeProvider two("two");
   server.registerProvider(&one, &first, zuna_http::WebServer::METHOD_GET, "");
   server.registerProvider(&two, &second, zuna_http::WebServer::METHOD_GET, "");
   server.unregisterSocket(&first);
@@ -76,7 +62,7 @@ TEST(FakeWebServer, UnregisteredSocketsAndProvidersGetNothing) {
 TEST(FakeWebServer, RefusesARegistrationWithoutProviderOrSocket) {
   FakeWebServer server;
   Tolvane::ServerSocket socket;
-  NamedProvider provider("p");
+  FakeProvider provider("p");
   EXPECT_FALSE(server.registerProvider(nullptr, &socket, zuna_http::WebServer::METHOD_GET, ""));
   EXPECT_FALSE(server.registerProvider(&provider, nullptr, zuna_http::WebServer::METHOD_GET, ""));
   EXPECT_EQ(nullptr, server.registeredSocket());

@@ -1,6 +1,5 @@
 #include "NullStatusManager.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <string>
@@ -9,9 +8,6 @@
 
 namespace chdtest {
 namespace {
-
-using ::testing::ElementsAre;
-using ::testing::Pair;
 
 class CountingListener : public IStatusUpdateListener {
  public:
@@ -47,7 +43,8 @@ TEST(NullStatusManager, HandsPostedEventsToItsObserver) {
   store.postEvent("Second", "2", 5);
   store.watchEvents(nullptr);
   store.postEvent("After", "unseen", 0);
-  EXPECT_THAT(seen, ElementsAre(Pair("First", "1"), Pair("Second", "2")));
+  const std::vector<std::pair<std::string, std::string>> expected = {{"First", "1"}, {"Second", "2"}};
+  EXPECT_EQ(expected, seen);
 }
 
 }  // namespace

@@ -11,10 +11,25 @@
 #include <thread>
 
 #include "BasicManagementFixture.h"
+#include "HoldGate.h"
 #include "LogWatchHandler.h"
 
 namespace bmtest {
 namespace {
+
+// The proc entries and netstat refreshes wait in the gate until the test releases them.
+class HoldingListener : public FakeListener, public chdtest::HoldGate {
+ public:
+  explicit HoldingListener(std::chrono::seconds bound) : HoldGate(bound) {}
+  bool updateProcEntries() override { return holdThenSucceed(); }
+  bool updateNetstat() override { return holdThenSucceed(); }
+
+ private:
+  bool holdThenSucceed() {
+    hold(false);
+    return true;
+  }
+};
 
 class LogDeliveryTest : public BasicManagementTest {
  protected:
@@ -393,27 +408,11 @@ TEST_F(LogDeliveryTest, ConcurrentRefreshesRunAtTheSameTime) {
 }
 
 TEST_F(LogDeliveryTest, DetachWaitsForRunningRefresh) {
-  class BlockingListener : public FakeListener {
-   public:
-    bool updateProcEntries() override {
-      std::unique_lock<std::mutex> lock(mutex);
-      entered = true;
-      changed.notify_all();
-      changed.wait_for(lock, std::chrono::seconds(10), [this] { return released; });
-      return true;
-    }
-    std::mutex mutex;
-    std::condition_variable changed;
-    bool entered = false;
-    bool released = false;
-  } blocking;
+  HoldingListener blocking(std::chrono::seconds(10));
   service->setBasicManagementListener(&blocking);
   writeFile(logDir + "/procEntriesStatus.log", "p");
   std::thread request([this] { get(logDir + "/procEntriesStatus.log"); });
-  {
-    std::unique_lock<std::mutex> lock(blocking.mutex);
-    ASSERT_TRUE(blocking.changed.wait_for(lock, std::chrono::seconds(10), [&] { return blocking.entered; }));
-  }
+  ASSERT_TRUE(blocking.waitUntilEntered());
   std::atomic<bool> detached{false};
   std::thread detach([this, &detached] {
     service->setBasicManagementListener(nullptr);
@@ -421,11 +420,7 @@ TEST_F(LogDeliveryTest, DetachWaitsForRunningRefresh) {
   });
   std::this_thread::sleep_for(std::chrono::milliseconds(200));
   EXPECT_FALSE(detached.load());
-  {
-    std::lock_guard<std::mutex> lock(blocking.mutex);
-    blocking.released = true;
-  }
-  blocking.changed.notify_all();
+  blocking.release();
   request.join();
   detach.join();
   EXPECT_TRUE(detached.load());
@@ -459,38 +454,18 @@ TEST_F(LogDeliveryTest, DetachFromInsideARefreshDoesNotWaitForItself) {
 
 // A request whose refresh never ends must not hold the shutdown: detaching gives up after its bound.
 TEST_F(LogDeliveryTest, DetachWaitsForARefreshAtMostItsBound) {
-  class StuckListener : public FakeListener {
-   public:
-    bool updateNetstat() override {
-      std::unique_lock<std::mutex> lock(mutex);
-      entered = true;
-      changed.notify_all();
-      changed.wait_for(lock, std::chrono::seconds(30), [this] { return released; });
-      return true;
-    }
-    std::mutex mutex;
-    std::condition_variable changed;
-    bool entered = false;
-    bool released = false;
-  } stuck;
+  HoldingListener stuck(std::chrono::seconds(30));
   service->setBasicManagementListener(&stuck);
   writeFile(logDir + "/netstat.log", "n");
   std::thread request([this] { get(logDir + "/netstat.log"); });
-  {
-    std::unique_lock<std::mutex> lock(stuck.mutex);
-    ASSERT_TRUE(stuck.changed.wait_for(lock, std::chrono::seconds(10), [&] { return stuck.entered; }));
-  }
+  ASSERT_TRUE(stuck.waitUntilEntered());
   const auto started = std::chrono::steady_clock::now();
   service->setBasicManagementListener(nullptr);
   const auto took = std::chrono::steady_clock::now() - started;
   EXPECT_GE(took, std::chrono::milliseconds(900));
   EXPECT_LT(took, std::chrono::seconds(10));
   EXPECT_EQ(1, logs.exact(2, "Detached the log collection handler with [1] refreshes still running"));
-  {
-    std::lock_guard<std::mutex> lock(stuck.mutex);
-    stuck.released = true;
-  }
-  stuck.changed.notify_all();
+  stuck.release();
   request.join();
 }
 

@@ -112,12 +112,18 @@ TEST(LogWatchHandlerTest, DefaultLimitIsTenSeconds) {
   EXPECT_EQ(std::chrono::milliseconds(10000), LogWatchHandler::kDefaultScriptLimit);
 }
 
-TEST(LogWatchHandlerTest, ScriptKilledAtItsLimitStillCountsAndIsLogged) {
+// What the runner reports for a script it killed at its limit, or at shutdown.
+Tolvane::CommandResult killedScript(bool atLimit) {
   Tolvane::CommandResult killed;
   killed.status = SIGKILL;
-  killed.timedOut = true;
+  killed.timedOut = atLimit;
+  killed.aborted = !atLimit;
+  return killed;
+}
+
+TEST(LogWatchHandlerTest, ScriptKilledAtItsLimitStillCountsAndIsLogged) {
   LogRecorder logs;
-  ScriptedRunner runner(killed);
+  ScriptedRunner runner(killedScript(true));
   LogWatchHandler handler(nullptr, kLimit, &runner);
   EXPECT_TRUE(handler.updateNetstat());
   EXPECT_EQ(1, logs.exact(2, "Collection script [/etc/utils/getNetstat.sh] ran longer than [10000] ms and was killed"));
@@ -125,11 +131,8 @@ TEST(LogWatchHandlerTest, ScriptKilledAtItsLimitStillCountsAndIsLogged) {
 }
 
 TEST(LogWatchHandlerTest, ScriptKilledAtShutdownStillCounts) {
-  Tolvane::CommandResult killed;
-  killed.status = SIGKILL;
-  killed.aborted = true;
   LogRecorder logs;
-  ScriptedRunner runner(killed);
+  ScriptedRunner runner(killedScript(false));
   LogWatchHandler handler(nullptr, kLimit, &runner);
   EXPECT_TRUE(handler.updateFdStatus());
   EXPECT_EQ(1, logs.exact(2, "Collection script [/etc/utils/fdStatus.sh] was killed at shutdown"));

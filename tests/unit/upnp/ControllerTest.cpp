@@ -2,6 +2,7 @@
 
 #include <sys/utsname.h>
 
+#include "FakeProvider.h"
 #include "FakeWebServer.h"
 #include "TestServices.h"
 #include "tolvane/File.h"
@@ -10,15 +11,10 @@
 
 namespace {
 
-class NullProvider : public zuna_http::WebServiceProvider {
- public:
-  void handleRequest(zuna_http::WebSocket* /*socket*/, zuna_http::WebRequest* /*request*/) override {}
-};
-
 TEST(HostController, RecordsRegistrationsBeforeInit) {
   zuna_upnp::host::HostController controller;
   upnp_test::TestDevice device;
-  NullProvider provider;
+  chdtest::FakeProvider provider;
   EXPECT_TRUE(controller.addRootDevice(&device));
   EXPECT_FALSE(controller.addRootDevice(&device));
   EXPECT_FALSE(controller.addRootDevice(nullptr));
@@ -71,7 +67,7 @@ TEST(HostController, TestHooksReplaceTheSingletons) {
 }
 
 TEST(HostWebServer, RefusesSocketsThatDoNotListen) {
-  NullProvider provider;
+  chdtest::FakeProvider provider;
   zuna_http::WebServer* server = zuna_http::WebServer::getSingleton();
   EXPECT_FALSE(server->registerProvider(&provider, nullptr, zuna_http::WebServer::METHOD_GET, ""));
   Tolvane::ServerSocket closed;

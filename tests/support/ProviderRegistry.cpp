@@ -1,30 +1,30 @@
-#include "ProviderRoutes.h"
+#include "ProviderRegistry.h"
 
 #include <algorithm>
 
 namespace chdtest {
 
-void ProviderRoutes::add(const Route& route) {
+void ProviderRegistry::add(const Route& route) {
   const std::lock_guard<std::mutex> lock(mMutex);
   mRoutes.push_back(route);
 }
 
-void ProviderRoutes::removeProvider(const zuna_http::WebServiceProvider* provider) {
+void ProviderRegistry::removeProvider(const zuna_http::WebServiceProvider* provider) {
   const std::lock_guard<std::mutex> lock(mMutex);
   mRoutes.erase(std::remove_if(mRoutes.begin(), mRoutes.end(),
                                [provider](const Route& route) { return route.provider == provider; }),
                 mRoutes.end());
 }
 
-void ProviderRoutes::removeListener(const void* listener) {
+void ProviderRegistry::removeListener(const void* listener) {
   const std::lock_guard<std::mutex> lock(mMutex);
   mRoutes.erase(std::remove_if(mRoutes.begin(), mRoutes.end(),
                                [listener](const Route& route) { return route.listener == listener; }),
                 mRoutes.end());
 }
 
-zuna_http::WebServiceProvider* ProviderRoutes::find(const void* listener, zuna_http::WebServer::Method method,
-                                                    const std::string& path) const {
+zuna_http::WebServiceProvider* ProviderRegistry::find(const void* listener, zuna_http::WebServer::Method method,
+                                                      const std::string& path) const {
   const std::lock_guard<std::mutex> lock(mMutex);
   const Route* best = nullptr;
   for (const Route& route : mRoutes) {
@@ -37,7 +37,7 @@ zuna_http::WebServiceProvider* ProviderRoutes::find(const void* listener, zuna_h
 }
 
 // "/var/log" takes "/var/log" and "/var/log/messages", not "/var/logs".
-bool ProviderRoutes::isBelow(const std::string& path, const std::string& prefix) {
+bool ProviderRegistry::isBelow(const std::string& path, const std::string& prefix) {
   if (path.compare(0, prefix.size(), prefix) != 0) {
     return false;
   }
