@@ -99,8 +99,17 @@ bool readWholeFile(const char* path, std::string& text) {
 
 }  // namespace
 
-BasicManagementService::BasicManagementService(zuna_upnp::LocalDevice* device, zuna_upnp::RootDevice* root)
-    : zuna_upnp::LocalService(device, root), mLogPath(platform()->getLogPath()), mDeviceStatus(kDefaultDeviceStatus) {
+int64_t FileChunkReader::read(Tolvane::File* file, void* buffer, size_t length) { return file->read(buffer, length); }
+
+bool StackVarsPublisher::publish(zuna_upnp::LocalService* service) { return service->sendChangedVars(); }
+
+BasicManagementService::BasicManagementService(zuna_upnp::LocalDevice* device, zuna_upnp::RootDevice* root,
+                                               LogChunkReader* reader, ChangedVarsPublisher* publisher)
+    : zuna_upnp::LocalService(device, root),
+      mLogPath(platform()->getLogPath()),
+      mChunkReader(reader != nullptr ? reader : &mFileReader),
+      mVarsPublisher(publisher != nullptr ? publisher : &mStackPublisher),
+      mDeviceStatus(kDefaultDeviceStatus) {
   TL_TRACE();
   setTypeID(zuna_upnp::TypeID("BasicManagement", "schemas-upnp-org", 1, zuna_upnp::TypeID::SERVICE));
   makeURLs();
@@ -285,7 +294,7 @@ void BasicManagementService::updateLogURIs() {
     // unchanged list would otherwise ride along with the next event of another variable.
     setLogURIsVar(uris);
     TL_LOG(6, "New LogURIs is [%s]", uris.c_str());
-    publishChangedVars();
+    mVarsPublisher->publish(this);
   } else {
     TL_LOG(6, "LogURIs [%s] have not changed", uris.c_str());
   }
@@ -332,12 +341,10 @@ void BasicManagementService::handleChdBlobUpdated() {
   TL_LOG(5, "Notifying server of CHD blob update");
   // A pulse: subscribers see true, then false.
   getVars().setValue(kChdBlobUpdatedVar, "true");
-  publishChangedVars();
+  mVarsPublisher->publish(this);
   getVars().setValue(kChdBlobUpdatedVar, "false");
-  publishChangedVars();
+  mVarsPublisher->publish(this);
 }
-
-bool BasicManagementService::publishChangedVars() { return sendChangedVars(); }
 
 bool BasicManagementService::isOwnServicePath(const std::string& path) const {
   return path == getControlURL() || path == getEventURL() || path == getSCPDURL();
@@ -452,10 +459,6 @@ int64_t BasicManagementService::sendLogs(Tolvane::File* file, zuna_http::WebSock
   return sendWhole(file, socket, length);
 }
 
-int64_t BasicManagementService::readLogChunk(Tolvane::File* file, void* buffer, size_t length) {
-  return file->read(buffer, length);
-}
-
 int64_t BasicManagementService::sendChunked(Tolvane::File* file, zuna_http::WebSocket* socket, int64_t length) {
   const std::unique_ptr<char[]> buffer(new (std::nothrow) char[kLogChunkSize]);
   if (!buffer) {
@@ -466,7 +469,7 @@ int64_t BasicManagementService::sendChunked(Tolvane::File* file, zuna_http::WebS
   const int64_t chunk = std::min<int64_t>(length, kLogChunkSize);
   int64_t remaining = length;
   while (remaining != 0) {
-    const int64_t got = readLogChunk(file, buffer.get(), static_cast<size_t>(std::min(chunk, remaining)));
+    const int64_t got = mChunkReader->read(file, buffer.get(), static_cast<size_t>(std::min(chunk, remaining)));
     if (got < 0) {
       TL_LOG(2, "Read Error");
       return got;
@@ -502,7 +505,7 @@ int64_t BasicManagementService::sendWhole(Tolvane::File* file, zuna_http::WebSoc
   }
   int64_t filled = 0;
   while (filled < length) {
-    const int64_t got = readLogChunk(file, buffer.get() + filled, static_cast<size_t>(length - filled));
+    const int64_t got = mChunkReader->read(file, buffer.get() + filled, static_cast<size_t>(length - filled));
     if (got <= 0) {
       TL_LOG(2, "Read Error");
       return -1;

@@ -16,9 +16,40 @@
 #include "zuna_upnp/LocalDevice.h"
 #include "zuna_upnp/LocalService.h"
 
+// The one read of a log file while it is sent.
+class LogChunkReader {
+ public:
+  virtual ~LogChunkReader() = default;
+  // Bytes read (0 at the end of the file), or negative on error.
+  virtual int64_t read(Tolvane::File* file, void* buffer, size_t length) = 0;
+};
+
+// Hands a service's changed state variables to its subscribers as one event.
+class ChangedVarsPublisher {
+ public:
+  virtual ~ChangedVarsPublisher() = default;
+  // False when nothing had changed.
+  virtual bool publish(zuna_upnp::LocalService* service) = 0;
+};
+
+// Reads straight from the file.
+class FileChunkReader final : public LogChunkReader {
+ public:
+  int64_t read(Tolvane::File* file, void* buffer, size_t length) override;
+};
+
+// Sends the changes through the UPnP stack's eventing.
+class StackVarsPublisher final : public ChangedVarsPublisher {
+ public:
+  bool publish(zuna_upnp::LocalService* service) override;
+};
+
 class BasicManagementService : public zuna_upnp::LocalService, public IStatusUpdateListener {
  public:
-  BasicManagementService(zuna_upnp::LocalDevice* device, zuna_upnp::RootDevice* root);
+  // The reader and the publisher are not owned and must outlive the service; null stands for the
+  // production ones (FileChunkReader, StackVarsPublisher).
+  BasicManagementService(zuna_upnp::LocalDevice* device, zuna_upnp::RootDevice* root, LogChunkReader* reader = nullptr,
+                         ChangedVarsPublisher* publisher = nullptr);
   ~BasicManagementService() override;
 
   // Actions; both always succeed.
@@ -42,11 +73,6 @@ class BasicManagementService : public zuna_upnp::LocalService, public IStatusUpd
   void updateLogURIs();
   void handleChdBlobUpdated();
 
- protected:
-  // Seams for tests: the one read of a log file, and the event send of changed state variables.
-  virtual int64_t readLogChunk(Tolvane::File* file, void* buffer, size_t length);
-  virtual bool publishChangedVars();
-
  private:
   void addActions();
   void registerWebProviders();
@@ -63,6 +89,11 @@ class BasicManagementService : public zuna_upnp::LocalService, public IStatusUpd
 
   // Fixed at start: every served file lies below it.
   const std::string mLogPath;
+  // The production reader and publisher, used unless others were given.
+  FileChunkReader mFileReader;
+  StackVarsPublisher mStackPublisher;
+  LogChunkReader* const mChunkReader;
+  ChangedVarsPublisher* const mVarsPublisher;
 
   // The strings below are written by status-store callbacks and read by actions on other threads.
   mutable std::mutex mStringsLock;

@@ -12,8 +12,12 @@ const char* const kProcessListScript = "/etc/utils/processList.sh";
 const char* const kWifiChipLogScript = "/etc/utils/wifiChipLogGet.sh";
 }  // namespace
 
-LogWatchHandler::LogWatchHandler(ManageableDevice* device, std::chrono::milliseconds scriptLimit)
-    : mDevice(device), mScriptLimit(scriptLimit) {
+Tolvane::CommandResult ShellScriptRunner::run(const std::string& command, std::chrono::milliseconds limit) {
+  return Tolvane::runCommand(command, limit);
+}
+
+LogWatchHandler::LogWatchHandler(ManageableDevice* device, std::chrono::milliseconds scriptLimit, ScriptRunner* runner)
+    : mDevice(device), mScriptLimit(scriptLimit), mRunner(runner != nullptr ? runner : &mShellRunner) {
   TL_TRACE();
 }
 
@@ -44,12 +48,8 @@ bool LogWatchHandler::updateWifiChipLogFile() {
   return runCollectionScript(kWifiChipLogScript);
 }
 
-Tolvane::CommandResult LogWatchHandler::runScript(const std::string& command) {
-  return Tolvane::runCommand(command, mScriptLimit);
-}
-
 bool LogWatchHandler::runCollectionScript(const std::string& script) {
-  const Tolvane::CommandResult result = runScript(script);
+  const Tolvane::CommandResult result = mRunner->run(script, mScriptLimit);
   if (result.timedOut) {
     TL_LOG(2, "Collection script [%s] ran longer than [%lld] ms and was killed", script.c_str(),
            static_cast<long long>(mScriptLimit.count()));

@@ -27,9 +27,10 @@
 #include <utility>
 
 #include "CHDBlobWriter.h"
+#include "FakePlatformSettings.h"
+#include "NullStatusManager.h"
 #include "status/StatusManager.h"
 #include "statusstore_host/LocalStatusManager.h"
-#include "tolvane/PlatformSettings.h"
 #include "tolvane_host/HostPlatformSettings.h"
 
 namespace {
@@ -48,54 +49,17 @@ size_t heapInUse() {
   return info.uordblks + info.hblkhd;
 }
 
-class WifiPlatformSettings : public Tolvane::PlatformSettings {
+// A store that keeps nothing; notes when and with how much heap in use a blob is posted.
+class BlobWatchingStore {
  public:
-  bool hasChdSupport() override { return true; }
-  std::string getModel() override { return "BENCH"; }
-  std::string getManufacturer() override { return "Bench"; }
-  std::string getManufacturerId() override { return "0000"; }
-  int getLocale() override { return 0; }
-  bool hasWifi() override { return true; }
-  bool hasLogChunking() override { return false; }
-  bool supportsDumpingEEDID() override { return false; }
-  bool hasAmazonEchoSupport() override { return false; }
-  std::string getLogPath() override { return "/tmp"; }
-  std::string getAutoIPInterface() override { return ""; }
-  std::string getEthernetInterface() override { return "lo"; }
-};
-
-// Keeps nothing; notes when and with how much heap in use a blob is posted.
-class NullStatusManager : public StatusManager {
- public:
-  std::string getStatus(const std::string&) override { return ""; }
-  void resumeTimer(const std::string&) override {}
-  void pauseTimer(const std::string&) override {}
-  void stopTimer(const std::string&) override {}
-  void startTimer(const std::string&) override {}
-  uint64_t getTimerElapsed(const std::string&) override { return 0; }
-  time_t getTimerStartTime(const std::string&) override { return 0; }
-  unsigned getCounter(const std::string&) override { return 0; }
-  void setCounter(const std::string&, unsigned) override {}
-  void addListener(IStatusUpdateListener*, Tolvane::EventDispatcher*) override {}
-  void removeListener(IStatusUpdateListener*) override {}
-  void registerStatusKeys(IStatusUpdateListener*, StatusNameList) override {}
-  void setStatus(const std::string&, const std::string&) override {}
-  void setStatuses(StatusMap) override {}
-  void registerEventNames(IStatusUpdateListener*, StatusNameList) override {}
-
-  void postEvent(const std::string& name, const std::string& value, int) override {
-    if (name != kWriteBlobEvent) {
-      return;
-    }
-    const SteadyClock::time_point now = SteadyClock::now();
-    const size_t heap = heapInUse();
-    const std::lock_guard<std::mutex> guard(mMutex);
-    mPostedAt = now;
-    mHeapAtPost = heap;
-    mBlob = value;
-    mPosted = true;
-    mPostedCondition.notify_all();
+  BlobWatchingStore() {
+    mStore.watchEvents([this](const std::string& name, const std::string& value) { notePosted(name, value); });
   }
+  ~BlobWatchingStore() { mStore.watchEvents(nullptr); }
+  BlobWatchingStore(const BlobWatchingStore&) = delete;
+  BlobWatchingStore& operator=(const BlobWatchingStore&) = delete;
+
+  StatusManager& store() { return mStore; }
 
   struct Posted {
     SteadyClock::time_point at;
@@ -111,6 +75,21 @@ class NullStatusManager : public StatusManager {
   }
 
  private:
+  void notePosted(const std::string& name, const std::string& value) {
+    if (name != kWriteBlobEvent) {
+      return;
+    }
+    const SteadyClock::time_point now = SteadyClock::now();
+    const size_t heap = heapInUse();
+    const std::lock_guard<std::mutex> guard(mMutex);
+    mPostedAt = now;
+    mHeapAtPost = heap;
+    mBlob = value;
+    mPosted = true;
+    mPostedCondition.notify_all();
+  }
+
+  chdtest::NullStatusManager mStore;
   std::mutex mMutex;
   std::condition_variable mPostedCondition;
   bool mPosted = false;
@@ -148,8 +127,10 @@ class BenchBlobWriter : public CHDBlobWriter {
 class Bench {
  public:
   Bench() {
+    // With Wi-Fi, every history and figure goes into the blob.
+    mPlatform.setWifi(true);
     Tolvane::host::setPlatformSettingsForTest(&mPlatform);
-    statusstore::setInstanceForTest(&mStore);
+    statusstore::setInstanceForTest(&mStore.store());
     mWriter = std::make_unique<BenchBlobWriter>();
   }
   ~Bench() {
@@ -169,15 +150,15 @@ class Bench {
   }
 
   // The posted blob and the time its build took.
-  std::pair<NullStatusManager::Posted, double> blob() {
+  std::pair<BlobWatchingStore::Posted, double> blob() {
     const SteadyClock::time_point start = mWriter->timedBlob();
-    NullStatusManager::Posted posted = mStore.waitForBlob();
+    BlobWatchingStore::Posted posted = mStore.waitForBlob();
     return {std::move(posted), std::chrono::duration<double>(posted.at - start).count()};
   }
 
  private:
-  WifiPlatformSettings mPlatform;
-  NullStatusManager mStore;
+  chdtest::FakePlatformSettings mPlatform;
+  BlobWatchingStore mStore;
   std::unique_ptr<BenchBlobWriter> mWriter;
 };
 
@@ -266,7 +247,8 @@ void BM_PlainFastWriter(benchmark::State& state) {
 // incident grows with the length of the history.
 void BM_AppendPublishedToLocalStore(benchmark::State& state) {
   const size_t entries = static_cast<size_t>(state.range(0));
-  WifiPlatformSettings platform;
+  chdtest::FakePlatformSettings platform;
+  platform.setWifi(true);
   Tolvane::host::setPlatformSettingsForTest(&platform);
   statusstore::LocalStatusManager store;
   statusstore::setInstanceForTest(&store);

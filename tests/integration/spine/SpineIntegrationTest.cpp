@@ -7,47 +7,18 @@
 #include <chrono>
 #include <fstream>
 #include <future>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "ClientHomeDiagnostics.h"
-#include "FixedPlatformSettings.h"
+#include "FakePlatformSettings.h"
+#include "LogRecorder.h"
 #include "ManageableDevice.h"
-#include "tolvane/Logging.h"
 #include "tolvane/PlatformSettings.h"
 #include "tolvane_host/HostPlatformSettings.h"
 
 namespace {
-
-class LogRecorder {
- public:
-  LogRecorder() {
-    mId = logging_add_observer([this](int /*level*/, const std::string& /*file*/, const std::string& message) {
-      const std::lock_guard<std::mutex> lock(mMutex);
-      mLines.push_back(message);
-    });
-  }
-  ~LogRecorder() { logging_remove_observer(mId); }
-  LogRecorder(const LogRecorder&) = delete;
-  LogRecorder& operator=(const LogRecorder&) = delete;
-
-  bool contains(const std::string& text) {
-    const std::lock_guard<std::mutex> lock(mMutex);
-    for (const std::string& line : mLines) {
-      if (line.find(text) != std::string::npos) {
-        return true;
-      }
-    }
-    return false;
-  }
-
- private:
-  int mId;
-  std::mutex mMutex;
-  std::vector<std::string> mLines;
-};
 
 class SpineTest : public ::testing::Test {
  protected:
@@ -59,22 +30,23 @@ class SpineTest : public ::testing::Test {
     std::ofstream(conf) << "[platform]\nlog_path=" << sTmp << "/log\nethernet_interface=lo\n"
                         << "[statusstore]\nbus=none\n[settings]\nfile=" << sTmp << "/settings.conf\n";
     setenv("CHD_PLATFORM_CONFIG", conf.c_str(), 1);  // NOLINT(concurrency-mt-unsafe): before any thread
-    sPlatform = new FixedPlatformSettings();
-    sPlatform->logPath = sTmp + "/log";
-    sPlatform->ethernet = "lo";
+    sPlatform = new chdtest::FakePlatformSettings();
+    sPlatform->setIdentity("ABC", "Acme", "42");
+    sPlatform->setLogPath(sTmp + "/log");
+    sPlatform->setInterfaces("", "lo");
     Tolvane::host::setPlatformSettingsForTest(sPlatform);
   }
 
   static std::string sTmp;
-  static FixedPlatformSettings* sPlatform;
+  static chdtest::FakePlatformSettings* sPlatform;
 };
 
 std::string SpineTest::sTmp;
-FixedPlatformSettings* SpineTest::sPlatform = nullptr;
+chdtest::FakePlatformSettings* SpineTest::sPlatform = nullptr;
 
 // Runs the whole start sequence on a thread, checks the device, then stops.
 TEST_F(SpineTest, StartBuildsTheDeviceAndStopWakesTheMainThread) {
-  LogRecorder log;
+  chdtest::LogRecorder log;
   auto* control = new ClientHomeDiagnosticsControl();
   std::future<bool> started = std::async(std::launch::async, [control] { return control->start(); });
 

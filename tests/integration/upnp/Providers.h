@@ -56,7 +56,7 @@ class FileProvider : public zuna_http::WebServiceProvider {
 };
 
 // Holds every request until released (at most 10 s).
-class BlockingProvider : public zuna_http::WebServiceProvider, public HoldGate {
+class BlockingProvider : public zuna_http::WebServiceProvider, public chdtest::HoldGate {
  public:
   void handleRequest(zuna_http::WebSocket* socket, zuna_http::WebRequest* /*request*/) override {
     hold(false);

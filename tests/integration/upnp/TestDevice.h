@@ -9,7 +9,7 @@
 
 namespace upnp_it {
 
-class HoldService : public zuna_upnp::LocalService, public HoldGate {
+class HoldService : public zuna_upnp::LocalService, public chdtest::HoldGate {
  public:
   HoldService(zuna_upnp::LocalDevice* device, zuna_upnp::RootDevice* root) : LocalService(device, root) {
     setTypeID(zuna_upnp::TypeID("Holder", "schemas-example-org", 1, zuna_upnp::TypeID::SERVICE));

@@ -22,6 +22,11 @@
 
 #include "BasicManagement.h"
 #include "BasicManagementFakes.h"
+#include "CallJournal.h"
+#include "FakeController.h"
+#include "FakePlatformSettings.h"
+#include "FakeWebServer.h"
+#include "FakeWebSocket.h"
 #include "PrivateNamespaces.h"
 #include "statusstore_host/LocalStatusManager.h"
 #include "tolvane/EventThread.h"
@@ -37,29 +42,33 @@ const size_t kMiB = 1024 * 1024;
 
 typedef std::vector<std::pair<std::string, std::string>> Changes;
 
-// Records what the service would send as events, and watches its reads of log files.
-class TestableService : public BasicManagementService {
+// Records what the service would send as events.
+class RecordingPublisher : public ChangedVarsPublisher {
  public:
-  using BasicManagementService::BasicManagementService;
-
+  bool publish(zuna_upnp::LocalService* service) override {
+    Changes changes = service->getVars().takeChanges();
+    std::lock_guard<std::mutex> lock(mMutex);
+    mPublished.push_back(changes);
+    return !changes.empty();
+  }
   std::vector<Changes> published() {
     std::lock_guard<std::mutex> lock(mMutex);
     return mPublished;
   }
-  void clearPublished() {
+  void clear() {
     std::lock_guard<std::mutex> lock(mMutex);
     mPublished.clear();
   }
 
-  std::atomic<int> reads{0};
-  std::atomic<size_t> largestRead{0};
-  // Runs before each read with its index (0 for the first).
-  std::function<void(int)> beforeRead;
-  // A non-zero value is returned by every read instead of reading.
-  std::atomic<int64_t> failReadsWith{0};
+ private:
+  std::mutex mMutex;
+  std::vector<Changes> mPublished;
+};
 
- protected:
-  int64_t readLogChunk(Tolvane::File* file, void* buffer, size_t length) override {
+// Watches the service's reads of log files, and can fail them.
+class WatchedReader : public LogChunkReader {
+ public:
+  int64_t read(Tolvane::File* file, void* buffer, size_t length) override {
     const int index = reads++;
     if (length > largestRead) {
       largestRead = length;
@@ -70,19 +79,18 @@ class TestableService : public BasicManagementService {
     if (failReadsWith != 0) {
       return failReadsWith;
     }
-    return BasicManagementService::readLogChunk(file, buffer, length);
+    return mFileReader.read(file, buffer, length);
   }
 
-  bool publishChangedVars() override {
-    Changes changes = getVars().takeChanges();
-    std::lock_guard<std::mutex> lock(mMutex);
-    mPublished.push_back(changes);
-    return !changes.empty();
-  }
+  std::atomic<int> reads{0};
+  std::atomic<size_t> largestRead{0};
+  // Runs before each read with its index (0 for the first).
+  std::function<void(int)> beforeRead;
+  // A non-zero value is returned by every read instead of reading.
+  std::atomic<int64_t> failReadsWith{0};
 
  private:
-  std::mutex mMutex;
-  std::vector<Changes> mPublished;
+  FileChunkReader mFileReader;
 };
 
 // A store whose uptime timer started whenever the test says.
@@ -145,10 +153,9 @@ class BasicManagementTest : public ::testing::Test {
     tzset();
     logDir = makeTempDir("/tmp/chdlogs.XXXXXX");
     unlink(kSyslogUrisFile);
-    settings = std::make_unique<FakePlatformSettings>(logDir);
-    Tolvane::host::setPlatformSettingsForTest(settings.get());
+    settings.setLogPath(logDir);
+    Tolvane::host::setPlatformSettingsForTest(&settings);
     statusstore::setInstanceForTest(&store);
-    webServer.controller = &controller;
     zuna_upnp::host::setControllerForTest(&controller);
     zuna_http::host::setWebServerForTest(&webServer);
     device.setTypeID(zuna_upnp::TypeID("ManageableDevice", "schemas-upnp-org", 1, zuna_upnp::TypeID::DEVICE));
@@ -166,7 +173,12 @@ class BasicManagementTest : public ::testing::Test {
     }
   }
 
-  void start() { service = std::make_unique<TestableService>(&device, &device); }
+  // The event that the construction sends is kept apart, so that published() holds only what came later.
+  void start() {
+    service = std::make_unique<BasicManagementService>(&device, &device, &reader, &publisher);
+    constructionEvents = publisher.published();
+    publisher.clear();
+  }
 
   // Returns once every status callback queued so far has run.
   void flush() {
@@ -179,8 +191,8 @@ class BasicManagementTest : public ::testing::Test {
 
   std::string logURIsVar() { return service->getVars().getValue("LogURIs"); }
 
-  std::unique_ptr<FakeWebSocket> get(const std::string& path) {
-    auto socket = std::make_unique<FakeWebSocket>();
+  std::unique_ptr<chdtest::FakeWebSocket> get(const std::string& path) {
+    auto socket = std::make_unique<chdtest::FakeWebSocket>();
     zuna_http::WebRequest request("GET", path);
     service->handleRequest(socket.get(), &request);
     return socket;
@@ -204,14 +216,19 @@ class BasicManagementTest : public ::testing::Test {
   }
 
   std::string logDir;
-  std::unique_ptr<FakePlatformSettings> settings;
+  chdtest::FakePlatformSettings settings;
   TimerStore store;
-  FakeController controller;
-  FakeWebServer webServer;
+  // The controller and the web server share one journal, so the order across both is visible.
+  chdtest::CallJournal journal;
+  chdtest::FakeController controller{&journal};
+  chdtest::FakeWebServer webServer{&journal};
   zuna_upnp::RootDevice device;
   LogRecorder logs;
   FakeListener listener;
-  std::unique_ptr<TestableService> service;
+  WatchedReader reader;
+  RecordingPublisher publisher;
+  std::vector<Changes> constructionEvents;
+  std::unique_ptr<BasicManagementService> service;
 
  private:
   bool mHooked = false;

@@ -29,7 +29,7 @@ class BasicManagementServiceTest : public BasicManagementTest {
   // Changes that carried the given variable.
   int eventsWith(const std::string& variable) {
     int count = 0;
-    for (const Changes& changes : service->published()) {
+    for (const Changes& changes : publisher.published()) {
       for (const auto& change : changes) {
         count += change.first == variable ? 1 : 0;
       }
@@ -44,6 +44,11 @@ TEST_F(BasicManagementServiceTest, LogUrisIsOneCommaWithoutUriFile) {
   EXPECT_EQ(1, logs.exact(2, "logFile[/tmp/syslogUrisPath.txt] open failed"));
 }
 
+TEST_F(BasicManagementServiceTest, ConstructionSendsTheFirstListAsOneEvent) {
+  start();
+  EXPECT_THAT(constructionEvents, ElementsAre(ElementsAre(Pair("LogURIs", ","))));
+}
+
 TEST_F(BasicManagementServiceTest, LogUrisIsOneCommaWithEmptyUriFile) {
   writeFile(kSyslogUrisFile, "");
   start();
@@ -52,7 +57,7 @@ TEST_F(BasicManagementServiceTest, LogUrisIsOneCommaWithEmptyUriFile) {
 }
 
 TEST_F(BasicManagementServiceTest, LogUrisIsTwoCommasWithEdidDumping) {
-  settings->eedid = true;
+  settings.setEedidDumps(true);
   writeFile(kSyslogUrisFile, "");
   start();
   EXPECT_EQ(",,", logURIsVar());
@@ -94,7 +99,7 @@ TEST_F(BasicManagementServiceTest, SyslogEventRereadsUriFileAndSendsOneEvent) {
   store.postEvent("Syslog Uris Updated Event", "ignored", 0);
   flush();
   EXPECT_EQ("http://a/s.log,", logURIsVar());
-  EXPECT_THAT(service->published(), ElementsAre(ElementsAre(Pair("LogURIs", "http://a/s.log,"))));
+  EXPECT_THAT(publisher.published(), ElementsAre(ElementsAre(Pair("LogURIs", "http://a/s.log,"))));
   EXPECT_EQ(1, logs.exact(6, "New LogURIs is [http://a/s.log,]"));
 }
 
@@ -140,7 +145,7 @@ TEST_F(BasicManagementServiceTest, SameBlobUrisTwiceSendsOneEvent) {
 }
 
 TEST_F(BasicManagementServiceTest, EdidDumpPathJoinsWhenSupported) {
-  settings->eedid = true;
+  settings.setEedidDumps(true);
   start();
   store.setStatuses({{"CHD Blob Uris", "http://box/b.json"}, {"EEDID Dump File Path", "/var/log/edid.bin"}});
   flush();
@@ -166,7 +171,7 @@ TEST_F(BasicManagementServiceTest, GetLogUrisAppendsTheLogFiles) {
   store.setStatus("CHD Blob Uris", "http://box/b.json");
   flush();
   EXPECT_EQ("http://a/s.log,http://box/b.json" + fileList(false), callGetLogURIs());
-  settings->wifi = true;
+  settings.setWifi(true);
   EXPECT_EQ("http://a/s.log,http://box/b.json" + fileList(true), callGetLogURIs());
 }
 
@@ -261,7 +266,7 @@ TEST_F(BasicManagementServiceTest, BlobUpdatedEventPulsesTrueThenFalse) {
   start();
   store.postEvent("CHD Blob Updated Event", "whatever", 0);
   flush();
-  EXPECT_THAT(service->published(),
+  EXPECT_THAT(publisher.published(),
               ElementsAre(ElementsAre(Pair("ChdBlobUpdated", "true")), ElementsAre(Pair("ChdBlobUpdated", "false"))));
   EXPECT_EQ("false", service->getVars().getValue("ChdBlobUpdated"));
   EXPECT_EQ(1, logs.exact(5, "Notifying server of CHD blob update"));
@@ -274,7 +279,7 @@ TEST_F(BasicManagementServiceTest, PulseAfterUnchangedUrisCarriesOnlyTheFlag) {
   EXPECT_EQ(1, logs.exact(6, "LogURIs [,] have not changed"));
   store.postEvent("CHD Blob Updated Event", "", 0);
   flush();
-  EXPECT_THAT(service->published(),
+  EXPECT_THAT(publisher.published(),
               ElementsAre(ElementsAre(Pair("ChdBlobUpdated", "true")), ElementsAre(Pair("ChdBlobUpdated", "false"))));
 }
 
@@ -283,31 +288,31 @@ TEST_F(BasicManagementServiceTest, UnrelatedEventsAndStatusesAreIgnored) {
   store.postEvent("Write CHD Blob Event", "{}", 0);
   store.setStatus("Some Other Status", "x");
   flush();
-  EXPECT_TRUE(service->published().empty());
+  EXPECT_TRUE(publisher.published().empty());
 }
 
 TEST_F(BasicManagementServiceTest, RegistersBothWebProvidersAndUnregistersInOrder) {
   start();
   zuna_http::WebServiceProvider* provider = service.get();
-  {
-    std::lock_guard<std::mutex> lock(controller.mutex);
-    ASSERT_EQ(2u, controller.calls.size());
-    EXPECT_THAT(controller.calls[0], Pair("registerWebProvider GET " + logDir, static_cast<const void*>(provider)));
-    EXPECT_EQ("registerProvider " + std::to_string(zuna_http::WebServer::METHOD_GET) + " []",
-              controller.calls[1].first);
-    EXPECT_EQ(provider, controller.calls[1].second);
-  }
-  ASSERT_NE(nullptr, webServer.registeredSocket);
-  EXPECT_EQ(80, webServer.registeredSocket->getPort());
-  EXPECT_TRUE(webServer.registeredSocket->isListening());
-  const void* socket = webServer.registeredSocket;
+  const std::vector<chdtest::CallJournal::Call> registered = journal.calls();
+  ASSERT_EQ(2u, registered.size());
+  EXPECT_THAT(registered[0], Pair("registerWebProvider GET " + logDir, static_cast<const void*>(provider)));
+  EXPECT_EQ("registerProvider " + std::to_string(zuna_http::WebServer::METHOD_GET) + " []", registered[1].first);
+  EXPECT_EQ(provider, registered[1].second);
+  EXPECT_EQ(provider, controller.providerFor(logDir + "/messages"));
+  Tolvane::ServerSocket* listening = webServer.registeredSocket();
+  ASSERT_NE(nullptr, listening);
+  EXPECT_EQ(80, listening->getPort());
+  EXPECT_TRUE(listening->isListening());
+  const void* socket = listening;
 
   service.reset();
-  std::lock_guard<std::mutex> lock(controller.mutex);
-  ASSERT_EQ(5u, controller.calls.size());
-  EXPECT_THAT(controller.calls[2], Pair("unregisterWebProvider", static_cast<const void*>(provider)));
-  EXPECT_THAT(controller.calls[3], Pair("unregisterSocket", socket));
-  EXPECT_THAT(controller.calls[4], Pair("unregisterProvider", static_cast<const void*>(provider)));
+  const std::vector<chdtest::CallJournal::Call> calls = journal.calls();
+  ASSERT_EQ(5u, calls.size());
+  EXPECT_THAT(calls[2], Pair("unregisterWebProvider", static_cast<const void*>(provider)));
+  EXPECT_THAT(calls[3], Pair("unregisterSocket", socket));
+  EXPECT_THAT(calls[4], Pair("unregisterProvider", static_cast<const void*>(provider)));
+  EXPECT_EQ(nullptr, controller.providerFor(logDir + "/messages"));
 }
 
 TEST_F(BasicManagementServiceTest, BusyPortEightyLeavesTheStackPortServing) {
@@ -316,10 +321,10 @@ TEST_F(BasicManagementServiceTest, BusyPortEightyLeavesTheStackPortServing) {
   ASSERT_TRUE(squatter.listen(1));
   start();
   EXPECT_EQ(1, logs.exact(0, "Bind was not successful on port[80]"));
-  EXPECT_EQ(nullptr, webServer.registeredSocket);
-  std::lock_guard<std::mutex> lock(controller.mutex);
-  ASSERT_EQ(1u, controller.calls.size());
-  EXPECT_EQ("registerWebProvider GET " + logDir, controller.calls[0].first);
+  EXPECT_EQ(nullptr, webServer.registeredSocket());
+  const std::vector<chdtest::CallJournal::Call> calls = journal.calls();
+  ASSERT_EQ(1u, calls.size());
+  EXPECT_EQ("registerWebProvider GET " + logDir, calls[0].first);
 }
 
 TEST_F(BasicManagementServiceTest, NoCallbackAfterDestruction) {

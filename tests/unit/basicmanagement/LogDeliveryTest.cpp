@@ -11,10 +11,25 @@
 #include <thread>
 
 #include "BasicManagementFixture.h"
+#include "HoldGate.h"
 #include "LogWatchHandler.h"
 
 namespace bmtest {
 namespace {
+
+// The proc entries and netstat refreshes wait in the gate until the test releases them.
+class HoldingListener : public FakeListener, public chdtest::HoldGate {
+ public:
+  explicit HoldingListener(std::chrono::seconds bound) : HoldGate(bound) {}
+  bool updateProcEntries() override { return holdThenSucceed(); }
+  bool updateNetstat() override { return holdThenSucceed(); }
+
+ private:
+  bool holdThenSucceed() {
+    hold(false);
+    return true;
+  }
+};
 
 class LogDeliveryTest : public BasicManagementTest {
  protected:
@@ -27,8 +42,8 @@ class LogDeliveryTest : public BasicManagementTest {
     service->setBasicManagementListener(&listener);
   }
 
-  void expectNotFound(const FakeWebSocket& socket, int code, const std::string& path) {
-    EXPECT_EQ(notFound(), socket.bytes) << path;
+  void expectNotFound(const chdtest::FakeWebSocket& socket, int code, const std::string& path) {
+    EXPECT_EQ(notFound(), socket.bytes()) << path;
     EXPECT_EQ(1, socket.closeCalls) << path;
     EXPECT_EQ(1, logs.exact(0, notSentLog(code, path))) << path;
   }
@@ -37,7 +52,7 @@ class LogDeliveryTest : public BasicManagementTest {
 TEST_F(LogDeliveryTest, MessagesServedWithoutRefresh) {
   writeFile(logDir + "/messages", "line one\nline two\n");
   auto socket = get(logDir + "/messages");
-  EXPECT_EQ(okHead(18) + "line one\nline two\n", socket->bytes);
+  EXPECT_EQ(okHead(18) + "line one\nline two\n", socket->bytes());
   EXPECT_EQ(0, listener.totalCalls());
   EXPECT_EQ(1, socket->closeCalls);
   EXPECT_EQ(0, logs.count(0, ""));
@@ -47,7 +62,7 @@ TEST_F(LogDeliveryTest, AnyOtherFileBelowLogPathServedWithoutRefresh) {
   mkdir((logDir + "/archive").c_str(), 0755);
   writeFile(logDir + "/archive/old.log.1", "old");
   auto socket = get(logDir + "/archive/old.log.1");
-  EXPECT_EQ(okHead(3) + "old", socket->bytes);
+  EXPECT_EQ(okHead(3) + "old", socket->bytes());
   EXPECT_EQ(0, listener.totalCalls());
 }
 
@@ -79,7 +94,7 @@ TEST_F(LogDeliveryTest, EachRefreshableFileRunsOnlyItsRefresh) {
     writeFile(path, refresh.file);
     const int before = listener.totalCalls();
     auto socket = get(path);
-    EXPECT_EQ(okHead(strlen(refresh.file)) + refresh.file, socket->bytes);
+    EXPECT_EQ(okHead(strlen(refresh.file)) + refresh.file, socket->bytes());
     EXPECT_EQ(1, (listener.*refresh.calls).load()) << refresh.file;
     EXPECT_EQ(before + 1, listener.totalCalls()) << refresh.file;
   }
@@ -105,16 +120,16 @@ TEST_F(LogDeliveryTest, RefreshedFileMissingGivesMinusThree) {
 }
 
 TEST_F(LogDeliveryTest, WifiArchiveRefreshedOnWifiPlatforms) {
-  settings->wifi = true;
+  settings.setWifi(true);
   const std::string path = logDir + "/wifichip.tar";
   writeFile(path, "tar");
   auto socket = get(path);
-  EXPECT_EQ(okHead(3) + "tar", socket->bytes);
+  EXPECT_EQ(okHead(3) + "tar", socket->bytes());
   EXPECT_EQ(1, listener.wifiChip.load());
 }
 
 TEST_F(LogDeliveryTest, WifiRefreshFailureGivesMinusFourWithoutHandlerMessage) {
-  settings->wifi = true;
+  settings.setWifi(true);
   listener.wifiChipOk = false;
   const std::string path = logDir + "/wifichip.tar";
   writeFile(path, "tar");
@@ -128,7 +143,7 @@ TEST_F(LogDeliveryTest, WifiArchiveWithoutWifiSentAsItStands) {
   const std::string path = logDir + "/wifichip.tar";
   writeFile(path, "stale tar");
   auto socket = get(path);
-  EXPECT_EQ(okHead(9) + "stale tar", socket->bytes);
+  EXPECT_EQ(okHead(9) + "stale tar", socket->bytes());
   EXPECT_EQ(0, listener.wifiChip.load());
 }
 
@@ -148,12 +163,12 @@ TEST_F(LogDeliveryTest, LogPathOneCharacterShortGivesMinusThree) {
 
 TEST_F(LogDeliveryTest, EmptyFileGivesZeroLengthAndNoRead) {
   for (bool chunking : {true, false}) {
-    settings->chunking = chunking;
+    settings.setLogChunking(chunking);
     writeFile(logDir + "/empty.log", "");
-    service->reads = 0;
+    reader.reads = 0;
     auto socket = get(logDir + "/empty.log");
-    EXPECT_EQ(okHead(0), socket->bytes) << "chunking " << chunking;
-    EXPECT_EQ(0, service->reads.load()) << "chunking " << chunking;
+    EXPECT_EQ(okHead(0), socket->bytes()) << "chunking " << chunking;
+    EXPECT_EQ(0, reader.reads.load()) << "chunking " << chunking;
     EXPECT_EQ(0, socket->writeCalls) << "chunking " << chunking;
   }
 }
@@ -162,56 +177,56 @@ TEST_F(LogDeliveryTest, ChunkedSendingReadsAtMostOneMiBAtATime) {
   const std::string content = patternedContent(3 * kMiB + kMiB / 2 + 7);
   writeFile(logDir + "/big.log", content);
   auto socket = get(logDir + "/big.log");
-  EXPECT_EQ(4, service->reads.load());
-  EXPECT_EQ(kMiB, service->largestRead.load());
+  EXPECT_EQ(4, reader.reads.load());
+  EXPECT_EQ(kMiB, reader.largestRead.load());
   EXPECT_EQ(4, socket->writeCalls);
-  ASSERT_EQ(okHead(content.size()).size() + content.size(), socket->bytes.size());
-  EXPECT_TRUE(socket->bytes == okHead(content.size()) + content);
+  ASSERT_EQ(okHead(content.size()).size() + content.size(), socket->bytes().size());
+  EXPECT_TRUE(socket->bytes() == okHead(content.size()) + content);
 }
 
 TEST_F(LogDeliveryTest, ChunkedSendingOfSmallFileReadsOnce) {
   writeFile(logDir + "/small.log", "0123456789");
   auto socket = get(logDir + "/small.log");
-  EXPECT_EQ(1, service->reads.load());
-  EXPECT_EQ(10u, service->largestRead.load());
-  EXPECT_EQ(okHead(10) + "0123456789", socket->bytes);
+  EXPECT_EQ(1, reader.reads.load());
+  EXPECT_EQ(10u, reader.largestRead.load());
+  EXPECT_EQ(okHead(10) + "0123456789", socket->bytes());
 }
 
 TEST_F(LogDeliveryTest, UnchunkedSendingReadsAndWritesWholeFileOnce) {
-  settings->chunking = false;
+  settings.setLogChunking(false);
   const std::string content = patternedContent(2 * kMiB + 3);
   writeFile(logDir + "/big.log", content);
   auto socket = get(logDir + "/big.log");
-  EXPECT_EQ(1, service->reads.load());
-  EXPECT_EQ(content.size(), service->largestRead.load());
+  EXPECT_EQ(1, reader.reads.load());
+  EXPECT_EQ(content.size(), reader.largestRead.load());
   EXPECT_EQ(1, socket->writeCalls);
-  EXPECT_TRUE(socket->bytes == okHead(content.size()) + content);
+  EXPECT_TRUE(socket->bytes() == okHead(content.size()) + content);
 }
 
 TEST_F(LogDeliveryTest, FileShrinkingWhileSentEndsOnlyThatRequest) {
   for (bool chunking : {true, false}) {
-    settings->chunking = chunking;
+    settings.setLogChunking(chunking);
     const std::string path = logDir + "/shrinking.log";
     const std::string content = patternedContent(3 * kMiB);
     writeFile(path, content);
-    service->reads = 0;
+    reader.reads = 0;
     // Cut to 1.5 MiB just before the second chunk is read (before the only read without chunking).
     const int cutBefore = chunking ? 1 : 0;
-    service->beforeRead = [&path, cutBefore](int index) {
+    reader.beforeRead = [&path, cutBefore](int index) {
       if (index == cutBefore) {
         ASSERT_EQ(0, truncate(path.c_str(), static_cast<off_t>(kMiB + kMiB / 2)));
       }
     };
     auto socket = get(path);
-    service->beforeRead = nullptr;
+    reader.beforeRead = nullptr;
     const std::string head = okHead(content.size());
-    ASSERT_EQ(0u, socket->bytes.find(head));
-    const std::string body = socket->bytes.substr(head.size());
+    ASSERT_EQ(0u, socket->bytes().find(head));
+    const std::string body = socket->bytes().substr(head.size());
     if (chunking) {
-      EXPECT_EQ(3, service->reads.load());  // 1 MiB, then 0.5 MiB, then the end of the file
+      EXPECT_EQ(3, reader.reads.load());  // 1 MiB, then 0.5 MiB, then the end of the file
       EXPECT_TRUE(body == content.substr(0, kMiB + kMiB / 2));
     } else {
-      EXPECT_EQ(2, service->reads.load());
+      EXPECT_EQ(2, reader.reads.load());
       EXPECT_TRUE(body.empty());
     }
     EXPECT_EQ(1, socket->closeCalls);
@@ -220,7 +235,7 @@ TEST_F(LogDeliveryTest, FileShrinkingWhileSentEndsOnlyThatRequest) {
 
     // The next request sees the file as it is now.
     auto again = get(path);
-    EXPECT_TRUE(again->bytes == okHead(kMiB + kMiB / 2) + content.substr(0, kMiB + kMiB / 2));
+    EXPECT_TRUE(again->bytes() == okHead(kMiB + kMiB / 2) + content.substr(0, kMiB + kMiB / 2));
   }
 }
 
@@ -228,23 +243,23 @@ TEST_F(LogDeliveryTest, ClientGoneMidDownloadStopsSending) {
   const std::string path = logDir + "/big.log";
   const std::string content = patternedContent(5 * kMiB);
   writeFile(path, content);
-  auto socket = std::make_unique<FakeWebSocket>();
-  socket->acceptLimit = static_cast<int64_t>(okHead(content.size()).size() + kMiB + 100);
+  auto socket = std::make_unique<chdtest::FakeWebSocket>();
+  socket->stream.acceptLimit = static_cast<int64_t>(okHead(content.size()).size() + kMiB + 100);
   zuna_http::WebRequest request("GET", path);
   service->handleRequest(socket.get(), &request);
   EXPECT_EQ(2, socket->writeCalls);
-  EXPECT_EQ(2, service->reads.load());
+  EXPECT_EQ(2, reader.reads.load());
   EXPECT_EQ(1, logs.exact(2, "Write Error"));
   EXPECT_EQ(1, logs.exact(0, "Failed to send log file[" + path + "] to the socket"));
   EXPECT_EQ(1, socket->closeCalls);
 
   auto next = get(path);
-  EXPECT_TRUE(next->bytes == okHead(content.size()) + content);
+  EXPECT_TRUE(next->bytes() == okHead(content.size()) + content);
 }
 
 TEST_F(LogDeliveryTest, WriteErrorStopsSending) {
   writeFile(logDir + "/big.log", patternedContent(3 * kMiB));
-  auto socket = std::make_unique<FakeWebSocket>();
+  auto socket = std::make_unique<chdtest::FakeWebSocket>();
   socket->failWrites = true;
   zuna_http::WebRequest request("GET", logDir + "/big.log");
   service->handleRequest(socket.get(), &request);
@@ -254,40 +269,40 @@ TEST_F(LogDeliveryTest, WriteErrorStopsSending) {
 
 TEST_F(LogDeliveryTest, ReadErrorStopsSending) {
   writeFile(logDir + "/big.log", patternedContent(3 * kMiB));
-  service->failReadsWith = -5;
+  reader.failReadsWith = -5;
   Tolvane::File file;
   ASSERT_TRUE(file.open(logDir + "/big.log"));
-  FakeWebSocket socket;
+  chdtest::FakeWebSocket socket;
   EXPECT_EQ(-5, service->sendLogs(&file, &socket));
-  EXPECT_EQ(1, service->reads.load());
+  EXPECT_EQ(1, reader.reads.load());
   EXPECT_EQ(0, socket.writeCalls);
   EXPECT_EQ(1, logs.exact(2, "Read Error"));
 }
 
 TEST_F(LogDeliveryTest, UnknownLengthReported) {
   Tolvane::File notOpen;
-  FakeWebSocket socket;
+  chdtest::FakeWebSocket socket;
   EXPECT_EQ(-1, service->sendLogs(&notOpen, &socket));
   EXPECT_EQ(1, logs.exact(0, "Can not get file length"));
-  EXPECT_TRUE(socket.bytes.empty());
+  EXPECT_TRUE(socket.bytes().empty());
 }
 
 TEST_F(LogDeliveryTest, SendResponseHeadsByteForByte) {
-  FakeWebSocket ok;
+  chdtest::FakeWebSocket ok;
   service->sendResponse(true, &ok, 1234567);
-  EXPECT_EQ(okHead(1234567), ok.bytes);
+  EXPECT_EQ(okHead(1234567), ok.bytes());
   EXPECT_EQ(1, ok.sendCalls);
-  FakeWebSocket missing;
+  chdtest::FakeWebSocket missing;
   service->sendResponse(false, &missing, 0);
-  EXPECT_EQ("HTTP/1.1 404 Not Found\r\n\r\n", missing.bytes);
+  EXPECT_EQ("HTTP/1.1 404 Not Found\r\n\r\n", missing.bytes());
   EXPECT_EQ(0, missing.sendCalls);
 }
 
 TEST_F(LogDeliveryTest, OwnServiceUrlsGoToTheStack) {
   for (const std::string& path : {service->getControlURL(), service->getSCPDURL(), service->getEventURL()}) {
     auto socket = get(path);
-    EXPECT_EQ(0u, socket->bytes.find("HTTP/1.1 404 Not Found\r\n")) << path;
-    EXPECT_NE(std::string::npos, socket->bytes.find("Content-Length: 0\r\n")) << path;
+    EXPECT_EQ(0u, socket->bytes().find("HTTP/1.1 404 Not Found\r\n")) << path;
+    EXPECT_NE(std::string::npos, socket->bytes().find("Content-Length: 0\r\n")) << path;
     EXPECT_EQ(1, socket->closeCalls) << path;
   }
   EXPECT_EQ(0, logs.countAnyLevel("could not be sent"));
@@ -350,14 +365,14 @@ TEST_F(LogDeliveryTest, PathsLeavingTheLogDirectoryAreRefused) {
   for (const std::string& path : attempts) {
     logs.clear();
     auto socket = get(path);
-    EXPECT_EQ(notFound(), socket->bytes) << path;
+    EXPECT_EQ(notFound(), socket->bytes()) << path;
     // The message prints the path as a C string, so it stops at an embedded NUL.
     EXPECT_EQ(1, logs.exact(0, notSentLog(-3, path.c_str()))) << path;
-    EXPECT_EQ(std::string::npos, socket->bytes.find(secret)) << path;
+    EXPECT_EQ(std::string::npos, socket->bytes().find(secret)) << path;
   }
   EXPECT_GE(attempts.size(), 20u);
   // The directory itself still serves its own files.
-  EXPECT_EQ(okHead(4) + "fine", get(logDir + "/messages")->bytes);
+  EXPECT_EQ(okHead(4) + "fine", get(logDir + "/messages")->bytes());
 }
 
 TEST_F(LogDeliveryTest, ConcurrentRefreshesRunAtTheSameTime) {
@@ -389,31 +404,15 @@ TEST_F(LogDeliveryTest, ConcurrentRefreshesRunAtTheSameTime) {
   auto socket = get(logDir + "/fdStatus.log");
   other.join();
   EXPECT_TRUE(meeting.met);
-  EXPECT_EQ(okHead(1) + "f", socket->bytes);
+  EXPECT_EQ(okHead(1) + "f", socket->bytes());
 }
 
 TEST_F(LogDeliveryTest, DetachWaitsForRunningRefresh) {
-  class BlockingListener : public FakeListener {
-   public:
-    bool updateProcEntries() override {
-      std::unique_lock<std::mutex> lock(mutex);
-      entered = true;
-      changed.notify_all();
-      changed.wait_for(lock, std::chrono::seconds(10), [this] { return released; });
-      return true;
-    }
-    std::mutex mutex;
-    std::condition_variable changed;
-    bool entered = false;
-    bool released = false;
-  } blocking;
+  HoldingListener blocking(std::chrono::seconds(10));
   service->setBasicManagementListener(&blocking);
   writeFile(logDir + "/procEntriesStatus.log", "p");
   std::thread request([this] { get(logDir + "/procEntriesStatus.log"); });
-  {
-    std::unique_lock<std::mutex> lock(blocking.mutex);
-    ASSERT_TRUE(blocking.changed.wait_for(lock, std::chrono::seconds(10), [&] { return blocking.entered; }));
-  }
+  ASSERT_TRUE(blocking.waitUntilEntered());
   std::atomic<bool> detached{false};
   std::thread detach([this, &detached] {
     service->setBasicManagementListener(nullptr);
@@ -421,11 +420,7 @@ TEST_F(LogDeliveryTest, DetachWaitsForRunningRefresh) {
   });
   std::this_thread::sleep_for(std::chrono::milliseconds(200));
   EXPECT_FALSE(detached.load());
-  {
-    std::lock_guard<std::mutex> lock(blocking.mutex);
-    blocking.released = true;
-  }
-  blocking.changed.notify_all();
+  blocking.release();
   request.join();
   detach.join();
   EXPECT_TRUE(detached.load());
@@ -447,7 +442,7 @@ TEST_F(LogDeliveryTest, DetachFromInsideARefreshDoesNotWaitForItself) {
   detaching.service = service.get();
   service->setBasicManagementListener(&detaching);
   writeFile(logDir + "/fdStatus.log", "fd");
-  auto done = std::async(std::launch::async, [this] { return get(logDir + "/fdStatus.log")->bytes; });
+  auto done = std::async(std::launch::async, [this] { return get(logDir + "/fdStatus.log")->bytes(); });
   if (done.wait_for(std::chrono::seconds(10)) != std::future_status::ready) {
     std::fprintf(stderr, "detaching from inside a refresh deadlocked\n");
     std::abort();
@@ -459,38 +454,18 @@ TEST_F(LogDeliveryTest, DetachFromInsideARefreshDoesNotWaitForItself) {
 
 // A request whose refresh never ends must not hold the shutdown: detaching gives up after its bound.
 TEST_F(LogDeliveryTest, DetachWaitsForARefreshAtMostItsBound) {
-  class StuckListener : public FakeListener {
-   public:
-    bool updateNetstat() override {
-      std::unique_lock<std::mutex> lock(mutex);
-      entered = true;
-      changed.notify_all();
-      changed.wait_for(lock, std::chrono::seconds(30), [this] { return released; });
-      return true;
-    }
-    std::mutex mutex;
-    std::condition_variable changed;
-    bool entered = false;
-    bool released = false;
-  } stuck;
+  HoldingListener stuck(std::chrono::seconds(30));
   service->setBasicManagementListener(&stuck);
   writeFile(logDir + "/netstat.log", "n");
   std::thread request([this] { get(logDir + "/netstat.log"); });
-  {
-    std::unique_lock<std::mutex> lock(stuck.mutex);
-    ASSERT_TRUE(stuck.changed.wait_for(lock, std::chrono::seconds(10), [&] { return stuck.entered; }));
-  }
+  ASSERT_TRUE(stuck.waitUntilEntered());
   const auto started = std::chrono::steady_clock::now();
   service->setBasicManagementListener(nullptr);
   const auto took = std::chrono::steady_clock::now() - started;
   EXPECT_GE(took, std::chrono::milliseconds(900));
   EXPECT_LT(took, std::chrono::seconds(10));
   EXPECT_EQ(1, logs.exact(2, "Detached the log collection handler with [1] refreshes still running"));
-  {
-    std::lock_guard<std::mutex> lock(stuck.mutex);
-    stuck.released = true;
-  }
-  stuck.changed.notify_all();
+  stuck.release();
   request.join();
 }
 
@@ -498,20 +473,10 @@ TEST_F(LogDeliveryTest, DetachWaitsForARefreshAtMostItsBound) {
 // at once; the request still gets the file as the script left it.
 TEST_F(LogDeliveryTest, DetachKillsARunningCollectionScript) {
   const std::string marker = logDir + "/started";
-  class SleepingHandler : public LogWatchHandler {
-   public:
-    explicit SleepingHandler(std::string command) : LogWatchHandler(nullptr), mCommand(std::move(command)) {}
-
-   protected:
-    Tolvane::CommandResult runScript(const std::string& /*command*/) override {
-      return LogWatchHandler::runScript(mCommand);
-    }
-
-   private:
-    std::string mCommand;
-  } sleeping("printf left > '" + logDir + "/procEntriesStatus.log'; : > '" + marker + "'; sleep 30");
+  ShellWithStandIn runner("printf left > '" + logDir + "/procEntriesStatus.log'; : > '" + marker + "'; sleep 30");
+  LogWatchHandler sleeping(nullptr, LogWatchHandler::kDefaultScriptLimit, &runner);
   service->setBasicManagementListener(&sleeping);
-  auto answer = std::async(std::launch::async, [this] { return get(logDir + "/procEntriesStatus.log")->bytes; });
+  auto answer = std::async(std::launch::async, [this] { return get(logDir + "/procEntriesStatus.log")->bytes(); });
   for (int i = 0; i < 1000 && access(marker.c_str(), F_OK) != 0; ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }

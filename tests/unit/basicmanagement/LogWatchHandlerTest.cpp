@@ -22,39 +22,7 @@
 namespace bmtest {
 namespace {
 
-// Answers every script with a chosen status instead of running it.
-class ScriptedHandler : public LogWatchHandler {
- public:
-  explicit ScriptedHandler(int status) : LogWatchHandler(nullptr) { mResult.status = status; }
-  explicit ScriptedHandler(const Tolvane::CommandResult& result) : LogWatchHandler(nullptr), mResult(result) {}
-  std::vector<std::string> commands;
-
- protected:
-  Tolvane::CommandResult runScript(const std::string& command) override {
-    commands.push_back(command);
-    return mResult;
-  }
-
- private:
-  Tolvane::CommandResult mResult;
-};
-
-// Runs the real command runner on a stand-in command instead of the platform's script.
-class StandInHandler : public LogWatchHandler {
- public:
-  StandInHandler(std::string standIn, std::chrono::milliseconds limit)
-      : LogWatchHandler(nullptr, limit), mStandIn(std::move(standIn)) {}
-  std::vector<Tolvane::CommandResult> results;
-
- protected:
-  Tolvane::CommandResult runScript(const std::string& /*command*/) override {
-    results.push_back(LogWatchHandler::runScript(mStandIn));
-    return results.back();
-  }
-
- private:
-  std::string mStandIn;
-};
+const std::chrono::milliseconds kLimit = LogWatchHandler::kDefaultScriptLimit;
 
 typedef bool (LogWatchHandler::*Refresh)();
 
@@ -73,16 +41,18 @@ const ScriptCase kScripts[] = {
 
 TEST(LogWatchHandlerTest, EachRefreshRunsItsScriptWithoutArguments) {
   for (const ScriptCase& script : kScripts) {
-    ScriptedHandler handler(0);
+    ScriptedRunner runner(0);
+    LogWatchHandler handler(nullptr, kLimit, &runner);
     EXPECT_TRUE((handler.*script.refresh)());
-    EXPECT_EQ(std::vector<std::string>{script.script}, handler.commands);
+    EXPECT_EQ(std::vector<std::string>{script.script}, runner.commands);
   }
 }
 
 TEST(LogWatchHandlerTest, ShellThatCannotStartFailsTheRefresh) {
   for (const ScriptCase& script : kScripts) {
     LogRecorder logs;
-    ScriptedHandler handler(-1);
+    ScriptedRunner runner(-1);
+    LogWatchHandler handler(nullptr, kLimit, &runner);
     EXPECT_FALSE((handler.*script.refresh)());
     EXPECT_EQ(1, logs.exact(0, std::string("Failed to run command [") + script.script + "].  Sending Return Code[-1]"));
   }
@@ -91,7 +61,8 @@ TEST(LogWatchHandlerTest, ShellThatCannotStartFailsTheRefresh) {
 TEST(LogWatchHandlerTest, ScriptThatRanAndFailedStillCounts) {
   for (int exitCode : {1, 2, 126, 127, 255}) {
     LogRecorder logs;
-    ScriptedHandler handler(exitCode << 8);
+    ScriptedRunner runner(exitCode << 8);
+    LogWatchHandler handler(nullptr, kLimit, &runner);
     for (const ScriptCase& script : kScripts) {
       EXPECT_TRUE((handler.*script.refresh)()) << script.script << " exit " << exitCode;
     }
@@ -111,26 +82,17 @@ TEST(LogWatchHandlerTest, MissingScriptExitsWith127AndCounts) {
     // Hidden for this process only: the host's scripts stay where they are.
     ASSERT_EQ(0, mount("chd-test-utils", "/etc/utils", "tmpfs", MS_NOSUID | MS_NODEV, "size=1m"));
   }
-  class ObservedHandler : public LogWatchHandler {
-   public:
-    ObservedHandler() : LogWatchHandler(nullptr) {}
-    std::vector<int> statuses;
-
-   protected:
-    Tolvane::CommandResult runScript(const std::string& command) override {
-      const Tolvane::CommandResult result = LogWatchHandler::runScript(command);
-      statuses.push_back(result.status);
-      return result;
-    }
-  } handler;
+  ShellWithStandIn runner;
+  LogWatchHandler handler(nullptr, kLimit, &runner);
   LogRecorder logs;
   for (const ScriptCase& script : kScripts) {
     EXPECT_TRUE((handler.*script.refresh)()) << script.script;
   }
-  ASSERT_EQ(5u, handler.statuses.size());
-  for (int status : handler.statuses) {
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(127, WEXITSTATUS(status));
+  const std::vector<Tolvane::CommandResult> results = runner.results();
+  ASSERT_EQ(5u, results.size());
+  for (const Tolvane::CommandResult& result : results) {
+    ASSERT_TRUE(WIFEXITED(result.status));
+    EXPECT_EQ(127, WEXITSTATUS(result.status));
   }
   EXPECT_EQ(0, logs.countAnyLevel("Failed to run command"));
   if (hidden) {
@@ -140,7 +102,8 @@ TEST(LogWatchHandlerTest, MissingScriptExitsWith127AndCounts) {
 
 TEST(LogWatchHandlerTest, OtherNegativeStatusesAreReportedAsTheyCame) {
   LogRecorder logs;
-  ScriptedHandler handler(-12);
+  ScriptedRunner runner(-12);
+  LogWatchHandler handler(nullptr, kLimit, &runner);
   EXPECT_FALSE(handler.updateWifiChipLogFile());
   EXPECT_EQ(1, logs.exact(0, "Failed to run command [/etc/utils/wifiChipLogGet.sh].  Sending Return Code[-12]"));
 }
@@ -149,23 +112,28 @@ TEST(LogWatchHandlerTest, DefaultLimitIsTenSeconds) {
   EXPECT_EQ(std::chrono::milliseconds(10000), LogWatchHandler::kDefaultScriptLimit);
 }
 
-TEST(LogWatchHandlerTest, ScriptKilledAtItsLimitStillCountsAndIsLogged) {
+// What the runner reports for a script it killed at its limit, or at shutdown.
+Tolvane::CommandResult killedScript(bool atLimit) {
   Tolvane::CommandResult killed;
   killed.status = SIGKILL;
-  killed.timedOut = true;
+  killed.timedOut = atLimit;
+  killed.aborted = !atLimit;
+  return killed;
+}
+
+TEST(LogWatchHandlerTest, ScriptKilledAtItsLimitStillCountsAndIsLogged) {
   LogRecorder logs;
-  ScriptedHandler handler(killed);
+  ScriptedRunner runner(killedScript(true));
+  LogWatchHandler handler(nullptr, kLimit, &runner);
   EXPECT_TRUE(handler.updateNetstat());
   EXPECT_EQ(1, logs.exact(2, "Collection script [/etc/utils/getNetstat.sh] ran longer than [10000] ms and was killed"));
   EXPECT_EQ(0, logs.countAnyLevel("Failed to run command"));
 }
 
 TEST(LogWatchHandlerTest, ScriptKilledAtShutdownStillCounts) {
-  Tolvane::CommandResult killed;
-  killed.status = SIGKILL;
-  killed.aborted = true;
   LogRecorder logs;
-  ScriptedHandler handler(killed);
+  ScriptedRunner runner(killedScript(false));
+  LogWatchHandler handler(nullptr, kLimit, &runner);
   EXPECT_TRUE(handler.updateFdStatus());
   EXPECT_EQ(1, logs.exact(2, "Collection script [/etc/utils/fdStatus.sh] was killed at shutdown"));
 }
@@ -177,17 +145,18 @@ TEST(LogWatchHandlerTest, OverrunningScriptIsKilledAfterItsLimit) {
   ASSERT_NE(nullptr, mkdtemp(pattern));
   const std::string output = std::string(pattern) + "/out.log";
   LogRecorder logs;
-  StandInHandler handler("echo partial > '" + output + "'; sleep 30; echo never >> '" + output + "'",
-                         std::chrono::milliseconds(300));
+  ShellWithStandIn runner("echo partial > '" + output + "'; sleep 30; echo never >> '" + output + "'");
+  LogWatchHandler handler(nullptr, std::chrono::milliseconds(300), &runner);
   const auto started = std::chrono::steady_clock::now();
   EXPECT_TRUE(handler.updateProcEntries());
   const auto took = std::chrono::steady_clock::now() - started;
   EXPECT_GE(took, std::chrono::milliseconds(300));
   EXPECT_LT(took, std::chrono::seconds(20));
-  ASSERT_EQ(1u, handler.results.size());
-  EXPECT_TRUE(handler.results[0].timedOut);
-  ASSERT_TRUE(WIFSIGNALED(handler.results[0].status));
-  EXPECT_EQ(SIGKILL, WTERMSIG(handler.results[0].status));
+  const std::vector<Tolvane::CommandResult> results = runner.results();
+  ASSERT_EQ(1u, results.size());
+  EXPECT_TRUE(results[0].timedOut);
+  ASSERT_TRUE(WIFSIGNALED(results[0].status));
+  EXPECT_EQ(SIGKILL, WTERMSIG(results[0].status));
   EXPECT_EQ(
       1, logs.exact(2, "Collection script [/etc/utils/procEntriesStatus.sh] ran longer than [300] ms and was killed"));
   std::ifstream in(output);
@@ -198,12 +167,14 @@ TEST(LogWatchHandlerTest, OverrunningScriptIsKilledAfterItsLimit) {
 }
 
 TEST(LogWatchHandlerTest, ScriptWithinItsLimitIsNotKilled) {
-  StandInHandler handler("exit 3", std::chrono::milliseconds(10000));
+  ShellWithStandIn runner("exit 3");
+  LogWatchHandler handler(nullptr, std::chrono::milliseconds(10000), &runner);
   EXPECT_TRUE(handler.updateProcessList());
-  ASSERT_EQ(1u, handler.results.size());
-  EXPECT_FALSE(handler.results[0].timedOut);
-  ASSERT_TRUE(WIFEXITED(handler.results[0].status));
-  EXPECT_EQ(3, WEXITSTATUS(handler.results[0].status));
+  const std::vector<Tolvane::CommandResult> results = runner.results();
+  ASSERT_EQ(1u, results.size());
+  EXPECT_FALSE(results[0].timedOut);
+  ASSERT_TRUE(WIFEXITED(results[0].status));
+  EXPECT_EQ(3, WEXITSTATUS(results[0].status));
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "BlobWriterFixture.h"
+#include "LogRecorder.h"
 
 namespace blobtest {
 namespace {
@@ -25,7 +26,7 @@ void PrintTo(const TrackedCase& c, std::ostream* os) { *os << c.incident; }
 class BlobTrackedParameterTest : public BlobWriterTest, public ::testing::WithParamInterface<TrackedCase> {};
 
 TEST_P(BlobTrackedParameterTest, GoesToItsOwnHistoryAndStatus) {
-  LogCapture log;
+  chdtest::LogRecorder log;
   track(GetParam().incident);
   EXPECT_EQ(1, log.count(6, GetParam().logText));
   const std::string published = mStore.getStatus(GetParam().statusKey);
@@ -70,7 +71,7 @@ INSTANTIATE_TEST_SUITE_P(
 class BlobHistoryTest : public BlobWriterTest {};
 
 TEST_F(BlobHistoryTest, ThreeDroppedKeysHaveOrdinalsOneTwoThree) {
-  LogCapture log;
+  chdtest::LogRecorder log;
   track("Dropped Key", 3);
   const std::string published = mStore.getStatus("Dropped Key History");
   const Json::Value history = body(blobNow())["C-ClientParameters"]["DroppedKeys"];
@@ -215,7 +216,7 @@ TEST_F(BlobHistoryTest, HistoryStatusesKeepTheirTextAfterABlob) {
 }
 
 TEST_F(BlobHistoryTest, MediaEventsKeepTheirDataVerbatim) {
-  LogCapture log;
+  chdtest::LogRecorder log;
   const std::string definition =
       "http://10.0.0.2:8080/live/5?ch=5 DLNA.ORG_PN=AVC_TS_NA_ISO;DLNA.ORG_OP=10;DLNA.ORG_PS=-4,4 vpid=0x31 apid=0x34 "
       "frames=0";
@@ -248,7 +249,7 @@ TEST_F(BlobHistoryTest, AnEmptyMediaValueGivesAnOrdinalEntry) {
 }
 
 TEST_F(BlobHistoryTest, UnknownIncidentsAndEventsAreIgnored) {
-  LogCapture log;
+  chdtest::LogRecorder log;
   track("dropped key");
   track("Dropped Key ");
   track("");

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "BlobWriterFixture.h"
+#include "LogRecorder.h"
 
 namespace blobtest {
 namespace {
@@ -167,7 +168,7 @@ void PrintTo(const IntervalCase& c, std::ostream* os) { *os << '"' << c.text << 
 class BlobReportingIntervalTest : public BlobWriterTest, public ::testing::WithParamInterface<IntervalCase> {};
 
 TEST_P(BlobReportingIntervalTest, IsClampedAndBuildsABlobOnlyWhenChanged) {
-  LogCapture log;
+  chdtest::LogRecorder log;
   startWriter();
   setStatus("CHD Reporting Interval", GetParam().text);
   ASSERT_EQ(GetParam().blob ? 1u : 0u, blobCount());

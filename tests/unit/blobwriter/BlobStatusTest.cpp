@@ -7,6 +7,7 @@
 #include <string>
 
 #include "BlobWriterFixture.h"
+#include "LogRecorder.h"
 
 namespace blobtest {
 namespace {
@@ -24,7 +25,7 @@ void PrintTo(const NumberCase& c, std::ostream* os) { *os << c.key; }
 class BlobWifiNumberTest : public BlobWriterTest, public ::testing::WithParamInterface<NumberCase> {};
 
 TEST_P(BlobWifiNumberTest, AnUnparsableTextKeepsTheOldNumberAndIsLogged) {
-  LogCapture log;
+  chdtest::LogRecorder log;
   setStatus(GetParam().key, "12");
   setStatus(GetParam().key, "twelve");
   EXPECT_EQ(1, log.count(0, std::string(GetParam().failure) + " [twelve]"));
@@ -130,7 +131,7 @@ TEST_F(BlobStatusTest, ResolutionMaskCombinesBitsAndAnyOtherValueClears) {
 }
 
 TEST_F(BlobStatusTest, ResolutionChangesAreLogged) {
-  LogCapture log;
+  chdtest::LogRecorder log;
   setStatuses({{"HDTV.TVResolutions.CurrentResolution", "HDTV.TVResolutions.1080i"},
                {"HDTV.TVResolutions.SelectedResolution", "HDTV.TVResolutions.2160p"}});
   EXPECT_EQ(1, log.count(6, "CURRENT_RESOLUTION = [HDTV.TVResolutions.1080i]"));
@@ -139,7 +140,7 @@ TEST_F(BlobStatusTest, ResolutionChangesAreLogged) {
 
 // A status can be any size; its log line carries the first 512 bytes.
 TEST_F(BlobStatusTest, LongValuesAreClippedInLogLines) {
-  LogCapture log;
+  chdtest::LogRecorder log;
   const std::string longValue = "HDTV." + std::string(100000, 'x');
   setStatus("HDTV.TVResolutions.CurrentResolution", longValue);
   setStatus("Channel", longValue);
@@ -151,7 +152,7 @@ TEST_F(BlobStatusTest, LongValuesAreClippedInLogLines) {
 }
 
 TEST_F(BlobStatusTest, BlobBuildingIsLogged) {
-  LogCapture log;
+  chdtest::LogRecorder log;
   const std::string blob = blobNow();
   for (const char* section : {"C-ClientParameters", "Network", "Display", "Remote", "Info", "Other"}) {
     EXPECT_EQ(1, log.count(6, std::string("Populating [") + section + "]")) << section;

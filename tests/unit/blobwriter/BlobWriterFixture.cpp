@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -11,7 +12,6 @@
 #include <set>
 #include <stdexcept>
 
-#include "tolvane/Logging.h"
 #include "tolvane_host/HostPlatformSettings.h"
 
 namespace blobtest {
@@ -162,27 +162,9 @@ std::vector<StatusMap> BlobCollector::historyUpdates() {
   return mHistoryUpdates;
 }
 
-LogCapture::LogCapture() {
-  mId = logging_add_observer([this](int level, const std::string& /*file*/, const std::string& message) {
-    const std::lock_guard<std::mutex> guard(mMutex);
-    mLines.push_back(Line{level, message});
-  });
-}
-
-LogCapture::~LogCapture() { logging_remove_observer(mId); }
-
-int LogCapture::count(int level, const std::string& text) {
-  const std::lock_guard<std::mutex> guard(mMutex);
-  int found = 0;
-  for (const Line& line : mLines) {
-    if (line.level == level && line.message.find(text) != std::string::npos) {
-      ++found;
-    }
-  }
-  return found;
-}
-
 void BlobWriterTest::SetUp() {
+  // The blob carries the Wi-Fi figures unless a test says the box has none.
+  mPlatform.setWifi(true);
   Tolvane::host::setClock(&mClock);
   Tolvane::host::setPlatformSettingsForTest(&mPlatform);
   statusstore::setInstanceForTest(&mStore);

@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 
-#include <atomic>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
@@ -16,10 +15,10 @@
 #include <vector>
 
 #include "CHDBlobWriter.h"
+#include "FakePlatformSettings.h"
 #include "status/StatusManager.h"
 #include "statusstore_host/LocalStatusManager.h"
 #include "tolvane/EventThread.h"
-#include "tolvane/PlatformSettings.h"
 #include "tolvane_host/ManualClock.h"
 
 namespace blobtest {
@@ -28,27 +27,6 @@ inline constexpr char kWriteBlobEvent[] = "Write CHD Blob Event";
 inline constexpr char kTrackedEvent[] = "CHD Tracked Parameter Event";
 inline constexpr uint64_t kDefaultFirstDelayMs = 900000;
 inline constexpr uint64_t kDefaultPeriodMs = 90000;
-
-class FakePlatformSettings : public Tolvane::PlatformSettings {
- public:
-  void setWifi(bool wifi) { mWifi = wifi; }
-
-  bool hasChdSupport() override { return true; }
-  std::string getModel() override { return "TEST"; }
-  std::string getManufacturer() override { return "Test"; }
-  std::string getManufacturerId() override { return "0000"; }
-  int getLocale() override { return 0; }
-  bool hasWifi() override { return mWifi; }
-  bool hasLogChunking() override { return false; }
-  bool supportsDumpingEEDID() override { return false; }
-  bool hasAmazonEchoSupport() override { return false; }
-  std::string getLogPath() override { return "/tmp"; }
-  std::string getAutoIPInterface() override { return ""; }
-  std::string getEthernetInterface() override { return "lo"; }
-
- private:
-  std::atomic<bool> mWifi{true};
-};
 
 // The writer with a way to wait until everything queued on its thread has run,
 // and to hold its thread while the test queues work behind it.
@@ -92,26 +70,6 @@ class BlobCollector : public IStatusUpdateListener {
   std::vector<StatusMap> mHistoryUpdates;
 };
 
-// Log lines seen while the object lives.
-class LogCapture {
- public:
-  LogCapture();
-  ~LogCapture();
-  LogCapture(const LogCapture&) = delete;
-  LogCapture& operator=(const LogCapture&) = delete;
-  // Number of lines at exactly this level that contain the text.
-  int count(int level, const std::string& text);
-
- private:
-  struct Line {
-    int level;
-    std::string message;
-  };
-  std::mutex mMutex;
-  std::vector<Line> mLines;
-  int mId;
-};
-
 class BlobWriterTest : public ::testing::Test {
  protected:
   void SetUp() override;
@@ -134,7 +92,7 @@ class BlobWriterTest : public ::testing::Test {
   std::string blobNow();
 
   Tolvane::host::ManualClock mClock{1000000};
-  FakePlatformSettings mPlatform;
+  chdtest::FakePlatformSettings mPlatform;
   statusstore::LocalStatusManager mStore;
   std::unique_ptr<BlobCollector> mCollector;
   std::unique_ptr<TestableBlobWriter> mWriter;

@@ -5,12 +5,11 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include "LogRecorder.h"
 #include "TempDir.h"
-#include "tolvane/Logging.h"
 #include "tolvane_host/HostPlatformSettings.h"
 
 namespace {
@@ -20,30 +19,6 @@ using Tolvane::PlatformSettings;
 using Tolvane::host::HostPlatformSettings;
 
 bool isInterface(const std::string& name) { return std::filesystem::exists("/sys/class/net/" + name); }
-
-// The warnings logged while it is alive.
-class WarningLog {
- public:
-  WarningLog()
-      : mId(logging_add_observer([this](int level, const std::string& /*file*/, const std::string& message) {
-          if (level <= 2) {
-            const std::lock_guard<std::mutex> guard(mMutex);
-            mWarnings.push_back(message);
-          }
-        })) {}
-  ~WarningLog() { logging_remove_observer(mId); }
-  WarningLog(const WarningLog&) = delete;
-  WarningLog& operator=(const WarningLog&) = delete;
-  std::vector<std::string> warnings() {
-    const std::lock_guard<std::mutex> guard(mMutex);
-    return mWarnings;
-  }
-
- private:
-  std::mutex mMutex;
-  std::vector<std::string> mWarnings;
-  int mId;
-};
 
 using ::testing::AllOf;
 using ::testing::Contains;
@@ -120,10 +95,10 @@ TEST(PlatformSettingsTest, UnknownGroupsAndKeysAreWarnedByName) {
   TempDir dir;
   const std::string conf = dir.write("platform.conf", "[platform]\nmodel=K47\nmodle=typo\nlog_path=" + dir.path() +
                                                           "\n[statusstore]\nbus=none\nbuss=none\n[settngs]\nfile=x\n");
-  WarningLog log;
+  chdtest::LogRecorder log;
   const HostPlatformSettings settings(conf);
   EXPECT_EQ(settings.getStatusStoreBus(), "none");
-  const std::vector<std::string> warnings = log.warnings();
+  const std::vector<std::string> warnings = log.messages(2);
   EXPECT_THAT(warnings, Contains(AllOf(HasSubstr("[modle]"), HasSubstr("[platform]"), HasSubstr("platform.conf"))));
   EXPECT_THAT(warnings, Contains(AllOf(HasSubstr("[buss]"), HasSubstr("[statusstore]"))));
   EXPECT_THAT(warnings, Contains(AllOf(HasSubstr("Unknown group [settngs]"), HasSubstr("platform.conf"))));
@@ -135,9 +110,9 @@ TEST(PlatformSettingsTest, KnownKeysGiveNoWarning) {
   const std::string conf =
       dir.write("platform.conf", "[platform]\nethernet_interface=lo\nmachine_id_file=" + dir.path() +
                                      "/id\nlog_path=" + dir.path() + "\n[statusstore]\nbus=none\n[settings]\nfile=x\n");
-  WarningLog log;
+  chdtest::LogRecorder log;
   const HostPlatformSettings settings(conf);
-  EXPECT_THAT(log.warnings(), IsEmpty());
+  EXPECT_THAT(log.messages(2), IsEmpty());
 }
 
 TEST(PlatformSettingsTest, MissingInterfacesAreWarnedByName) {
@@ -146,11 +121,11 @@ TEST(PlatformSettingsTest, MissingInterfacesAreWarnedByName) {
                                      "[platform]\nethernet_interface=chd-nosuch0\nautoip_interface=chd-nosuch1\n"
                                      "log_path=" +
                                          dir.path() + "\n");
-  WarningLog log;
+  chdtest::LogRecorder log;
   HostPlatformSettings settings(conf);
   EXPECT_EQ(settings.getEthernetInterface(), "chd-nosuch0") << "kept: the interface may still appear";
-  EXPECT_THAT(log.warnings(), Contains(AllOf(HasSubstr("[chd-nosuch0]"), HasSubstr("ethernet_interface"))));
-  EXPECT_THAT(log.warnings(), Contains(AllOf(HasSubstr("[chd-nosuch1]"), HasSubstr("autoip_interface"))));
+  EXPECT_THAT(log.messages(2), Contains(AllOf(HasSubstr("[chd-nosuch0]"), HasSubstr("ethernet_interface"))));
+  EXPECT_THAT(log.messages(2), Contains(AllOf(HasSubstr("[chd-nosuch1]"), HasSubstr("autoip_interface"))));
 }
 
 TEST(PlatformSettingsTest, NamedFileThatDoesNotExistExitsWithStatus2) {

@@ -1,24 +1,9 @@
 #include <gtest/gtest.h>
 
+#include "FakeWebSocket.h"
 #include "zuna_http/WebServer.h"
 
 namespace {
-
-class RecordingStream : public zuna_http::ReaderWriter {
- public:
-  int64_t write(const void* data, size_t length) override {
-    bytes.append(static_cast<const char*>(data), length);
-    return static_cast<int64_t>(length);
-  }
-  int64_t read(void* /*buffer*/, size_t /*length*/) override { return 0; }
-  std::string bytes;
-};
-
-class BrokenStream : public zuna_http::ReaderWriter {
- public:
-  int64_t write(const void* /*data*/, size_t /*length*/) override { return -1; }
-  int64_t read(void* /*buffer*/, size_t /*length*/) override { return -1; }
-};
 
 TEST(WebResponse, HeadHoldsTheFieldsInOrder) {
   zuna_http::WebResponse response(200);
@@ -27,7 +12,7 @@ TEST(WebResponse, HeadHoldsTheFieldsInOrder) {
   response.addField("Server", "Linux/6.1 UPnP/1.0 CHD/0.1");
   response.addField("Cache-control", "no-cache");
   response.addField("Content-Length", "12");
-  RecordingStream stream;
+  chdtest::FakeStream stream;
   EXPECT_TRUE(response.send(&stream));
   EXPECT_EQ(stream.bytes,
             "HTTP/1.1 200 OK\r\n"
@@ -42,7 +27,7 @@ TEST(WebResponse, HeadHoldsTheFieldsInOrder) {
 
 TEST(WebResponse, BareNotFound) {
   zuna_http::WebResponse response(404);
-  RecordingStream stream;
+  chdtest::FakeStream stream;
   EXPECT_TRUE(response.send(&stream));
   EXPECT_EQ(stream.bytes, "HTTP/1.1 404 Not Found\r\n\r\n");
   EXPECT_TRUE(response.getFields().empty());
@@ -50,7 +35,8 @@ TEST(WebResponse, BareNotFound) {
 
 TEST(WebResponse, FailedWriteIsReported) {
   zuna_http::WebResponse response(200);
-  BrokenStream stream;
+  chdtest::FakeStream stream;
+  stream.broken = true;
   EXPECT_FALSE(response.send(&stream));
   EXPECT_FALSE(response.send(nullptr));
 }

@@ -1,47 +1,22 @@
-// The control object's network set-up and stop sequence, against a recording controller.
+// The control object's network set-up and stop sequence, against a fake controller.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include "ClientHomeDiagnostics.h"
-#include "FixedPlatformSettings.h"
-#include "tolvane/PlatformSettings.h"
+#include "FakeController.h"
+#include "FakePlatformSettings.h"
 #include "tolvane_host/HostPlatformSettings.h"
-#include "zuna_upnp/Controller.h"
 #include "zuna_upnp_host/HostController.h"
 
 namespace {
 
-class RecordingController : public zuna_upnp::Controller {
- public:
-  bool init(zuna::net::NetworkManager* monitor, Tolvane::StringVector interfaces,
-            Tolvane::StringVector serverNames) override {
-    ++initCalls;
-    lastMonitor = monitor;
-    lastInterfaces = interfaces;
-    lastServerNames = serverNames;
-    return true;
-  }
-  bool addRootDevice(zuna_upnp::RootDevice* /*device*/) override { return true; }
-  bool registerWebProvider(zuna_http::WebServiceProvider* /*provider*/, const std::string& /*method*/,
-                           const std::string& /*path*/) override {
-    return true;
-  }
-  void unregisterWebProvider(zuna_http::WebServiceProvider* /*provider*/) override {}
-  std::string getServerString() override { return "test"; }
-  void shutdown() override { ++shutdownCalls; }
-
-  int initCalls = 0;
-  int shutdownCalls = 0;
-  zuna::net::NetworkManager* lastMonitor = nullptr;
-  Tolvane::StringVector lastInterfaces;
-  Tolvane::StringVector lastServerNames;
-};
-
 class ControlTest : public ::testing::Test {
  protected:
   void SetUp() override {
+    platform.setInterfaces("", "eth7");
     Tolvane::host::setPlatformSettingsForTest(&platform);
     zuna_upnp::host::setControllerForTest(&controller);
   }
@@ -50,33 +25,35 @@ class ControlTest : public ::testing::Test {
     Tolvane::host::setPlatformSettingsForTest(nullptr);
   }
 
-  FixedPlatformSettings platform;
-  RecordingController controller;
+  chdtest::FakePlatformSettings platform;
+  chdtest::FakeController controller;
 };
 
 TEST_F(ControlTest, InterfaceListHasAutoIpFirstThenEthernet) {
-  platform.autoIp = "eth0:avahi";
+  platform.setInterfaces("eth0:avahi", "eth7");
   ClientHomeDiagnosticsControl control;
   EXPECT_TRUE(control.initNetwork());
-  ASSERT_EQ(controller.initCalls, 1);
-  EXPECT_THAT(controller.lastInterfaces, ::testing::ElementsAre("eth0:avahi", "eth7"));
-  EXPECT_THAT(controller.lastServerNames, ::testing::ElementsAre("RVUServer"));
-  EXPECT_NE(controller.lastMonitor, nullptr);
+  const std::vector<chdtest::FakeController::InitCall> inits = controller.initCalls();
+  ASSERT_EQ(inits.size(), 1u);
+  EXPECT_THAT(inits[0].interfaces, ::testing::ElementsAre("eth0:avahi", "eth7"));
+  EXPECT_THAT(inits[0].serverNames, ::testing::ElementsAre("RVUServer"));
+  EXPECT_NE(inits[0].monitor, nullptr);
   control.stop();
 }
 
 TEST_F(ControlTest, InterfaceListKeepsTwoEntriesWhenOneNameIsEmpty) {
-  platform.autoIp = "";
+  platform.setInterfaces("", "eth7");
   ClientHomeDiagnosticsControl control;
   control.initNetwork();
-  EXPECT_THAT(controller.lastInterfaces, ::testing::ElementsAre("", "eth7"));
+  ASSERT_EQ(controller.initCalls().size(), 1u);
+  EXPECT_THAT(controller.initCalls()[0].interfaces, ::testing::ElementsAre("", "eth7"));
   control.stop();
 }
 
 TEST_F(ControlTest, StopWithoutCreatedObjectsStillShutsTheControllerDown) {
   ClientHomeDiagnosticsControl control;
   EXPECT_TRUE(control.stop());
-  EXPECT_EQ(controller.shutdownCalls, 1);
+  EXPECT_EQ(controller.shutdownCalls(), 1);
   EXPECT_EQ(control.getBlobWriter(), nullptr);
   EXPECT_EQ(control.getLogWatchHandler(), nullptr);
 }

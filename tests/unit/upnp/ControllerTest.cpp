@@ -2,6 +2,8 @@
 
 #include <sys/utsname.h>
 
+#include "FakeProvider.h"
+#include "FakeWebServer.h"
 #include "TestServices.h"
 #include "tolvane/File.h"
 #include "zuna_http_host/HostWebServer.h"
@@ -10,25 +12,10 @@
 
 namespace {
 
-class FakeWebServer : public zuna_http::WebServer {
- public:
-  bool registerProvider(zuna_http::WebServiceProvider* /*provider*/, Tolvane::ServerSocket* /*socket*/,
-                        Method /*method*/, const std::string& /*path*/) override {
-    return true;
-  }
-  void unregisterSocket(Tolvane::ServerSocket* /*socket*/) override {}
-  void unregisterProvider(zuna_http::WebServiceProvider* /*provider*/) override {}
-};
-
-class NullProvider : public zuna_http::WebServiceProvider {
- public:
-  void handleRequest(zuna_http::WebSocket* /*socket*/, zuna_http::WebRequest* /*request*/) override {}
-};
-
 TEST(HostController, RecordsRegistrationsBeforeInit) {
   zuna_upnp::host::HostController controller;
   upnp_test::TestDevice device;
-  NullProvider provider;
+  chdtest::FakeProvider provider;
   EXPECT_TRUE(controller.addRootDevice(&device));
   EXPECT_FALSE(controller.addRootDevice(&device));
   EXPECT_FALSE(controller.addRootDevice(nullptr));
@@ -73,7 +60,7 @@ TEST(HostController, TestHooksReplaceTheSingletons) {
 
   zuna_http::WebServer* server = zuna_http::WebServer::getSingleton();
   ASSERT_NE(server, nullptr);
-  FakeWebServer fake;
+  chdtest::FakeWebServer fake;
   zuna_http::host::setWebServerForTest(&fake);
   EXPECT_EQ(zuna_http::WebServer::getSingleton(), &fake);
   zuna_http::host::setWebServerForTest(nullptr);
@@ -81,7 +68,7 @@ TEST(HostController, TestHooksReplaceTheSingletons) {
 }
 
 TEST(HostWebServer, RefusesSocketsThatDoNotListen) {
-  NullProvider provider;
+  chdtest::FakeProvider provider;
   zuna_http::WebServer* server = zuna_http::WebServer::getSingleton();
   EXPECT_FALSE(server->registerProvider(&provider, nullptr, zuna_http::WebServer::METHOD_GET, ""));
   Tolvane::ServerSocket closed;

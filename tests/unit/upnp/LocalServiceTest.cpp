@@ -3,24 +3,11 @@
 
 #include <string>
 
+#include "FakeWebSocket.h"
 #include "TestServices.h"
 #include "tolvane/EventThread.h"
 
 namespace {
-
-class RecordingSocket : public zuna_http::WebSocket, public zuna_http::ReaderWriter {
- public:
-  bool send(const zuna_http::WebHeaderBase& head) override { return head.send(this); }
-  int64_t write(const void* data, size_t length) override {
-    bytes.append(static_cast<const char*>(data), length);
-    return static_cast<int64_t>(length);
-  }
-  int64_t read(void* /*buffer*/, size_t /*length*/) override { return 0; }
-  zuna_http::ReaderWriter* getReaderWriter() override { return this; }
-  void close() override { closed = true; }
-  std::string bytes;
-  bool closed = false;
-};
 
 TEST(LocalService, DerivesUrlsAndIdFromTheTypes) {
   upnp_test::TestDevice device;
@@ -75,10 +62,10 @@ TEST(LocalService, SendChangedVarsReportsWhetherAnythingChanged) {
 
 TEST(LocalService, DefaultWebRequestIsNotFound) {
   upnp_test::TestDevice device;
-  RecordingSocket socket;
+  chdtest::FakeWebSocket socket;
   zuna_http::WebRequest request("GET", "/TestDevice/Calculator/control");
   device.calculator->handleRequest(&socket, &request);
-  EXPECT_EQ(socket.bytes.rfind("HTTP/1.1 404 Not Found\r\n", 0), 0u) << socket.bytes;
+  EXPECT_EQ(socket.bytes().rfind("HTTP/1.1 404 Not Found\r\n", 0), 0u) << socket.bytes();
 }
 
 class ThreadProbe {
