@@ -281,7 +281,8 @@ if has getvalues; then
     >"$work/close.tsv"
   cat "$work/close.tsv" >>"$targets"
   clips=$(minidlna_clips)
-  soap_target "$targets" minidlna-Browse24 "http://127.0.0.1:$MINIDLNA_PORT/rootDesc.xml" "$cds" Browse \
+  soap_target "$targets" minidlna-Browse24 "http://127.0.0.1:$MINIDLNA_PORT/rootDesc.xml" \
+    urn:schemas-upnp-org:service:ContentDirectory:1 Browse \
     "${PID[minidlna]}" "ObjectID=$clips" BrowseFlag=BrowseDirectChildren "Filter=*" StartingIndex=0 \
     RequestedCount=0 SortCriteria=
   get_target "$targets" nginx-10k-keepalive "http://127.0.0.1:$NGINX_PORT/10k.xml" "${PID[nginx]}" 0
