@@ -10,13 +10,9 @@
 #include "tolvane/PlatformSettings.h"
 #include "zuna_util/StringUtil.h"
 
-TL_REGISTER_LOGGING(true, 5);
+TL_REGISTER_LOGGING(true, kLogInfo);
 
 namespace {
-
-constexpr int kLogError = 0;
-constexpr int kLogInfo = 5;
-constexpr int kLogDetail = 6;
 
 constexpr uint32_t kDefaultReportingInterval = 900;
 constexpr uint32_t kMinReportingInterval = 900;

@@ -8,7 +8,6 @@
 #include <deque>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -75,6 +74,10 @@ class ConfigurationManagementService : public zuna_upnp::LocalService, public IS
  private:
   friend class ConfigurationManagementTestPeer;
 
+  // The client application's answers in the settings-refresh handshake.
+  static constexpr const char* kSettingsRefreshErrorEvent = "Settings Refresh Error Event";
+  static constexpr const char* kSettingsRefreshCompletedEvent = "Settings Refresh Completed Event";
+
   void declareStateVariables();
   void registerActions();
   void registerAction(zuna_upnp::Action* action, const char* inArgs, const char* outArgs, const char* signature);
@@ -85,6 +88,7 @@ class ConfigurationManagementService : public zuna_upnp::LocalService, public IS
   const std::string* storeTrackedValue(const std::string& path, std::string upnpValue);
   void publishParameterUpdate(const std::string& path, const std::string& upnpValue);
   std::string readValue(const std::string& path);
+  void acceptAttributePath(const std::string& path, std::vector<std::string>& accepted) const;
   zuna_upnp::UPnPReturn collectSetRequest(TiXmlElement* element, StatusMap& statusUpdates, StatusMap& fileUpdates);
   zuna_upnp::UPnPReturn checkSetParameter(TiXmlElement* parameter, std::string& path, std::string& value,
                                           bool& isFileSetting);
