@@ -56,7 +56,6 @@ std::string localTimeNow() {
 ConfigurationManagementService::ConfigurationManagementService(zuna_upnp::LocalDevice* device,
                                                                zuna_upnp::RootDevice* root)
     : zuna_upnp::LocalService(device, root),
-      mMaxDepth(0),
       mParameterUpdateCount(0),
       mSupportedParametersUpdate(kInitialUpdate),
       mConfigurationUpdate(std::string(kInitialUpdate) + ",,"),
@@ -181,10 +180,10 @@ void ConfigurationManagementService::listenToStatusStore() {
   eventNames.push_back(kSettingsRefreshErrorEvent);
   eventNames.push_back(kSettingsRefreshCompletedEvent);
   // Only tracked for the HDCP gate of SetValues; it has no path of its own.
-  mStatusKeys.push_back("HDCP Failure");
+  mModel.statusKeys.push_back("HDCP Failure");
   StatusManager* store = statusStore();
   store->addListener(this, &mStatusThread);
-  store->registerStatusKeys(this, mStatusKeys);
+  store->registerStatusKeys(this, mModel.statusKeys);
   store->registerEventNames(this, eventNames);
 }
 
@@ -236,8 +235,8 @@ bool ConfigurationManagementService::applyServiceParam(const std::string& status
   } else if (statusKey == "In Standby") {
     mInStandby = (value == "True");
   }
-  auto mapped = mStatusKeyToUpnpMap.find(statusKey);
-  if (mapped == mStatusKeyToUpnpMap.end()) {
+  auto mapped = mModel.statusKeyToUpnp.find(statusKey);
+  if (mapped == mModel.statusKeyToUpnp.end()) {
     return false;
   }
   const std::string path = mapped->second;
@@ -250,7 +249,7 @@ bool ConfigurationManagementService::applyServiceParam(const std::string& status
   // TV_FORMAT is in no reference table: it is derived from the aspect ratio
   // on locale 2 boxes only.
   if (statusKey == kAspectRatioKey && Tolvane::PlatformSettings::getInstance()->getLocale() == 2) {
-    mStatuses["/vsp/HDTV/TV_FORMAT"] = widescreen ? "Widescreen 16:9" : "Standard 4:3";
+    mModel.statuses["/vsp/HDTV/TV_FORMAT"] = widescreen ? "Widescreen 16:9" : "Standard 4:3";
   }
   publishParameterUpdate(path, *stored);
   return true;
@@ -259,7 +258,7 @@ bool ConfigurationManagementService::applyServiceParam(const std::string& status
 // The new value takes the old one's place whole, so a large value that is
 // replaced by a small one leaves no large buffer behind.
 const std::string* ConfigurationManagementService::storeTrackedValue(const std::string& path, std::string upnpValue) {
-  for (StringMap* values : {&mStatuses, &mFileSettings, &mSettings}) {
+  for (StringMap* values : {&mModel.statuses, &mModel.fileSettings, &mModel.settings}) {
     auto entry = values->find(path);
     if (entry != values->end()) {
       entry->second = std::move(upnpValue);

@@ -47,7 +47,7 @@ UPnPReturn ConfigurationManagementService::GetAttributes(std::string parameters,
 // answered, echoed with its extra characters, once for every such key.
 void ConfigurationManagementService::acceptAttributePath(const std::string& path,
                                                          std::vector<std::string>& accepted) const {
-  for (const std::string& key : mUpnpKeys) {
+  for (const std::string& key : mModel.upnpKeys) {
     if (path.compare(0, key.size(), key) == 0) {
       accepted.push_back(path);
     }

@@ -37,7 +37,7 @@ UPnPReturn ConfigurationManagementService::GetValues(std::string contentPathList
   std::vector<std::string> paths;
   UPnPReturn listed =
       forEachListedPath(element, kContentPathList, kContentPath, [this, &paths](const char* text) -> UPnPReturn {
-        if (!getValidPaths(text, paths, mMaxDepth)) {
+        if (!getValidPaths(text, paths, mModel.maxDepth)) {
           TL_LOG(kLogError, "Path[%s] does not exists in our data model", text);
           return noSuchName();
         }
@@ -64,31 +64,31 @@ UPnPReturn ConfigurationManagementService::GetValues(std::string contentPathList
 
 std::string ConfigurationManagementService::readValue(const std::string& path) {
   TL_LOG(kLogDetail, "Value of UPnP Path [%s] queried", path.c_str());
-  for (const StringMap* values : {&mFileSettings, &mSettings, &mStatuses}) {
+  for (const StringMap* values : {&mModel.fileSettings, &mModel.settings, &mModel.statuses}) {
     auto entry = values->find(path);
     if (entry != values->end()) {
       // The CEC active source is a dotted address and is shown whole.
-      const bool whole = (values == &mStatuses && path == kCecActiveSourcePath);
+      const bool whole = (values == &mModel.statuses && path == kCecActiveSourcePath);
       std::string value = whole ? entry->second : lastComponent(entry->second);
       TL_LOG(kLogDetail, "Current value is [%s]", value.c_str());
       return value;
     }
   }
-  auto query = mUpnpToQueryStatusMap.find(path);
-  if (query != mUpnpToQueryStatusMap.end()) {
+  auto query = mModel.upnpToQueryStatus.find(path);
+  if (query != mModel.upnpToQueryStatus.end()) {
     std::string value = statusStore()->getStatus(query->second);
     TL_LOG(kLogDetail, "Queried status [%s] and got value [%s]", query->second.c_str(), value.c_str());
     return value;
   }
-  auto timer = mUpnpToTimerNameMap.find(path);
-  if (timer != mUpnpToTimerNameMap.end()) {
+  auto timer = mModel.upnpToTimerName.find(path);
+  if (timer != mModel.upnpToTimerName.end()) {
     uint64_t elapsed = statusStore()->getTimerElapsed(timer->second);
     TL_LOG(kLogDetail, "Timer [%s] has elapsed time [%llu]", timer->second.c_str(),
            static_cast<unsigned long long>(elapsed));
     return std::to_string(elapsed);
   }
-  auto counter = mUpnpToCounterNameMap.find(path);
-  if (counter != mUpnpToCounterNameMap.end()) {
+  auto counter = mModel.upnpToCounterName.find(path);
+  if (counter != mModel.upnpToCounterName.end()) {
     unsigned count = statusStore()->getCounter(counter->second);
     TL_LOG(kLogDetail, "Counter [%s] has count value [%u]", counter->second.c_str(), count);
     return std::to_string(count);

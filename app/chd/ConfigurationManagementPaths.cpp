@@ -41,12 +41,12 @@ bool ConfigurationManagementService::getValidPaths(std::string path, std::vector
   if (path.empty() || path.back() != '/') {
     TL_LOG(kLogInfo, "PATH IS LEAF");
     const std::pair<const StringMap*, const char*> sources[] = {
-        {&mFileSettings, "mFileSettings"},
-        {&mSettings, "mSettings"},
-        {&mStatuses, "mStatuses"},
-        {&mUpnpToQueryStatusMap, "mUpnpToQueryStatusMap"},
-        {&mUpnpToTimerNameMap, "mUpnpToTimerNameMap"},
-        {&mUpnpToCounterNameMap, "mUpnpToCounterNameMap"},
+        {&mModel.fileSettings, "mFileSettings"},
+        {&mModel.settings, "mSettings"},
+        {&mModel.statuses, "mStatuses"},
+        {&mModel.upnpToQueryStatus, "mUpnpToQueryStatusMap"},
+        {&mModel.upnpToTimerName, "mUpnpToTimerNameMap"},
+        {&mModel.upnpToCounterName, "mUpnpToCounterNameMap"},
     };
     for (const auto& source : sources) {
       if (source.first->find(path) != source.first->end()) {
@@ -61,7 +61,7 @@ bool ConfigurationManagementService::getValidPaths(std::string path, std::vector
 
   bool found = false;
   const int nodeDepth = countDepth(path);
-  for (const std::string& key : mUpnpKeys) {
+  for (const std::string& key : mModel.upnpKeys) {
     if (key.compare(0, path.size(), path) != 0) {
       continue;
     }
@@ -108,7 +108,7 @@ UPnPReturn ConfigurationManagementService::GetSupportedParameters(std::string st
     if (limit < 0) {
       return invalidArgumentSyntax();
     }
-    limit = mMaxDepth;
+    limit = mModel.maxDepth;
   }
   // Depths of 2^31 and more are negative to a signed 32-bit reader. An empty
   // node would reach the tree walk without a last character.

@@ -56,7 +56,7 @@ UPnPReturn ConfigurationManagementService::collectSetRequest(TiXmlElement* eleme
       return checked;
     }
     TL_LOG(kLogInfo, "Received request to set UPnP path [%s] to UPnP value [%s]", path.c_str(), value.c_str());
-    const std::string statusKey = mUpnpToStatusKeyMap.at(path);  // every setting path has its entry
+    const std::string statusKey = mModel.upnpToStatusKey.at(path);  // every setting path has its entry
     const std::string statusValue = translateToStatusValue(statusKey, value);
     TL_LOG(kLogInfo, "Mapped UPnP key:value [%s]:[%s] to status key:value [%s]:[%s]", path.c_str(), value.c_str(),
            statusKey.c_str(), statusValue.c_str());

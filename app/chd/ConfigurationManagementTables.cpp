@@ -383,22 +383,22 @@ void ConfigurationManagementService::storeSettings() {
 
 void ConfigurationManagementService::calculateMaxDepth() {
   TL_LOG(kLogDetail, "Calculating max depth");
-  for (const std::string& path : mUpnpKeys) {
+  for (const std::string& path : mModel.upnpKeys) {
     int depth = countDepth(path);
-    if (depth > mMaxDepth) {
-      mMaxDepth = depth;
+    if (depth > mModel.maxDepth) {
+      mModel.maxDepth = depth;
     }
   }
 }
 
 void ConfigurationManagementService::populateUpnpValueMap() {
   TL_TRACE();
-  populateValueMap(kUpnpValuePaths, mUpnpValueMap);
+  populateValueMap(kUpnpValuePaths, mModel.upnpValues);
 }
 
 void ConfigurationManagementService::populateStatusValueMap() {
   TL_TRACE();
-  populateValueMap(kStatusValueKeys, mStatusValueMap);
+  populateValueMap(kStatusValueKeys, mModel.statusValues);
 }
 
 // Never called at start-up: with this map empty, values of paths without a
@@ -406,67 +406,67 @@ void ConfigurationManagementService::populateStatusValueMap() {
 void ConfigurationManagementService::populateSpecialTranslationMap() {
   TL_TRACE();
   for (const auto& entry : kSpecialTranslationReference) {
-    mSpecialTranslationMap[entry.first] = entry.second;
+    mModel.specialTranslations[entry.first] = entry.second;
   }
 }
 
 void ConfigurationManagementService::addFileSettingKeyMapping(std::string path, std::string key) {
-  mUpnpKeys.push_back(path);
-  mStatusKeys.push_back(key);
-  mUpnpToStatusKeyMap[path] = key;
-  mStatusKeyToUpnpMap[key] = path;
+  mModel.upnpKeys.push_back(path);
+  mModel.statusKeys.push_back(key);
+  mModel.upnpToStatusKey[path] = key;
+  mModel.statusKeyToUpnp[key] = path;
   TL_LOG(kLogInfo, "Adding UPnP Key: [%s]", path.c_str());
-  mFileSettings[path] = "";
+  mModel.fileSettings[path] = "";
 }
 
 // Unlike the status adder, an empty key is recorded too (MEDIA_TRANSITION
 // maps "" to its path), as the box has always done.
 void ConfigurationManagementService::addSettingKeyMapping(std::string path, std::string key) {
-  mUpnpKeys.push_back(path);
-  mStatusKeys.push_back(key);
-  mUpnpToStatusKeyMap[path] = key;
-  mStatusKeyToUpnpMap[key] = path;
+  mModel.upnpKeys.push_back(path);
+  mModel.statusKeys.push_back(key);
+  mModel.upnpToStatusKey[path] = key;
+  mModel.statusKeyToUpnp[key] = path;
   TL_LOG(kLogInfo, "Adding UPnP Key: [%s]", path.c_str());
-  mSettings[path] = "";
+  mModel.settings[path] = "";
 }
 
 void ConfigurationManagementService::addStatusKeyMapping(std::string path, std::string key) {
-  mUpnpKeys.push_back(path);
+  mModel.upnpKeys.push_back(path);
   if (!key.empty()) {
-    mStatusKeys.push_back(key);
-    mUpnpToStatusKeyMap[path] = key;
-    mStatusKeyToUpnpMap[key] = path;
+    mModel.statusKeys.push_back(key);
+    mModel.upnpToStatusKey[path] = key;
+    mModel.statusKeyToUpnp[key] = path;
   }
   TL_LOG(kLogInfo, "Adding UPnP Key: [%s]", path.c_str());
-  mStatuses[path] = "";
+  mModel.statuses[path] = "";
 }
 
 void ConfigurationManagementService::addQueryKeyMapping(std::string path, std::string key) {
-  mUpnpKeys.push_back(path);
-  mUpnpToQueryStatusMap[path] = key;
+  mModel.upnpKeys.push_back(path);
+  mModel.upnpToQueryStatus[path] = key;
 }
 
 void ConfigurationManagementService::addTimerKeyMapping(std::string path, std::string name) {
-  mUpnpKeys.push_back(path);
-  mUpnpToTimerNameMap[path] = name;
+  mModel.upnpKeys.push_back(path);
+  mModel.upnpToTimerName[path] = name;
 }
 
 void ConfigurationManagementService::addCounterKeyMapping(std::string path, std::string name) {
-  mUpnpKeys.push_back(path);
-  mUpnpToCounterNameMap[path] = name;
+  mModel.upnpKeys.push_back(path);
+  mModel.upnpToCounterName[path] = name;
 }
 
 bool ConfigurationManagementService::isValidSettingPath(const std::string& path) {
-  return mSettings.find(path) != mSettings.end();
+  return mModel.settings.find(path) != mModel.settings.end();
 }
 
 bool ConfigurationManagementService::isValidFileSettingPath(const std::string& path) {
-  return mFileSettings.find(path) != mFileSettings.end();
+  return mModel.fileSettings.find(path) != mModel.fileSettings.end();
 }
 
 bool ConfigurationManagementService::isValidUpnpValue(const std::string& path, const std::string& value) {
-  auto allowed = mUpnpValueMap.find(path);
-  if (allowed == mUpnpValueMap.end()) {
+  auto allowed = mModel.upnpValues.find(path);
+  if (allowed == mModel.upnpValues.end()) {
     return isValidFileSettingPath(path) || isValidSettingPath(path);
   }
   for (const std::string& candidate : allowed->second) {
@@ -479,14 +479,14 @@ bool ConfigurationManagementService::isValidUpnpValue(const std::string& path, c
 
 std::string ConfigurationManagementService::translateToUpnpValue(std::string path, std::string statusValue) {
   TL_TRACE();
-  if (mUpnpValueMap.find(path) == mUpnpValueMap.end()) {
-    auto special = mSpecialTranslationMap.find(statusValue);
-    return special == mSpecialTranslationMap.end() ? statusValue : special->second;
+  if (mModel.upnpValues.find(path) == mModel.upnpValues.end()) {
+    auto special = mModel.specialTranslations.find(statusValue);
+    return special == mModel.specialTranslations.end() ? statusValue : special->second;
   }
-  const std::string statusKey = valueOf(mUpnpToStatusKeyMap, path);
+  const std::string statusKey = valueOf(mModel.upnpToStatusKey, path);
   // The labels read the other way round in this direction; kept as logged by the box.
-  std::optional<std::string> paired =
-      pairedValue(listOf(mStatusValueMap, statusKey), listOf(mUpnpValueMap, path), statusValue, path, statusKey);
+  std::optional<std::string> paired = pairedValue(listOf(mModel.statusValues, statusKey),
+                                                  listOf(mModel.upnpValues, path), statusValue, path, statusKey);
   if (paired) {
     return *paired;
   }
@@ -496,12 +496,12 @@ std::string ConfigurationManagementService::translateToUpnpValue(std::string pat
 
 std::string ConfigurationManagementService::translateToStatusValue(std::string statusKey, std::string upnpValue) {
   TL_TRACE();
-  if (mStatusValueMap.find(statusKey) == mStatusValueMap.end()) {
+  if (mModel.statusValues.find(statusKey) == mModel.statusValues.end()) {
     return upnpValue;
   }
-  const std::string path = valueOf(mStatusKeyToUpnpMap, statusKey);
+  const std::string path = valueOf(mModel.statusKeyToUpnp, statusKey);
   std::optional<std::string> paired =
-      pairedValue(listOf(mUpnpValueMap, path), listOf(mStatusValueMap, statusKey), upnpValue, statusKey, path);
+      pairedValue(listOf(mModel.upnpValues, path), listOf(mModel.statusValues, statusKey), upnpValue, statusKey, path);
   if (paired) {
     return *paired;
   }
