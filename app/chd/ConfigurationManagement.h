@@ -104,6 +104,7 @@ class ConfigurationManagementService : public zuna_upnp::LocalService, public IS
   void populateUpnpValueMap();
   void populateStatusValueMap();
   void populateSpecialTranslationMap();
+  void addTrackedKeyMapping(const std::string& path, const std::string& key, bool recordEmptyKey, StringMap& values);
   void addFileSettingKeyMapping(std::string path, std::string key);
   void addSettingKeyMapping(std::string path, std::string key);
   void addStatusKeyMapping(std::string path, std::string key);

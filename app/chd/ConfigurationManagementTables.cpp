@@ -410,35 +410,32 @@ void ConfigurationManagementService::populateSpecialTranslationMap() {
   }
 }
 
-void ConfigurationManagementService::addFileSettingKeyMapping(std::string path, std::string key) {
+// A path whose value the service keeps in values, recorded with its box key
+// both ways; an empty key is recorded only when recordEmptyKey says so.
+void ConfigurationManagementService::addTrackedKeyMapping(const std::string& path, const std::string& key,
+                                                          bool recordEmptyKey, StringMap& values) {
   mModel.upnpKeys.push_back(path);
-  mModel.statusKeys.push_back(key);
-  mModel.upnpToStatusKey[path] = key;
-  mModel.statusKeyToUpnp[key] = path;
-  TL_LOG(kLogInfo, "Adding UPnP Key: [%s]", path.c_str());
-  mModel.fileSettings[path] = "";
-}
-
-// Unlike the status adder, an empty key is recorded too (MEDIA_TRANSITION
-// maps "" to its path), as the box has always done.
-void ConfigurationManagementService::addSettingKeyMapping(std::string path, std::string key) {
-  mModel.upnpKeys.push_back(path);
-  mModel.statusKeys.push_back(key);
-  mModel.upnpToStatusKey[path] = key;
-  mModel.statusKeyToUpnp[key] = path;
-  TL_LOG(kLogInfo, "Adding UPnP Key: [%s]", path.c_str());
-  mModel.settings[path] = "";
-}
-
-void ConfigurationManagementService::addStatusKeyMapping(std::string path, std::string key) {
-  mModel.upnpKeys.push_back(path);
-  if (!key.empty()) {
+  if (recordEmptyKey || !key.empty()) {
     mModel.statusKeys.push_back(key);
     mModel.upnpToStatusKey[path] = key;
     mModel.statusKeyToUpnp[key] = path;
   }
   TL_LOG(kLogInfo, "Adding UPnP Key: [%s]", path.c_str());
-  mModel.statuses[path] = "";
+  values[path] = "";
+}
+
+void ConfigurationManagementService::addFileSettingKeyMapping(std::string path, std::string key) {
+  addTrackedKeyMapping(path, key, true, mModel.fileSettings);
+}
+
+// Unlike the status adder, an empty key is recorded too (MEDIA_TRANSITION
+// maps "" to its path), as the box has always done.
+void ConfigurationManagementService::addSettingKeyMapping(std::string path, std::string key) {
+  addTrackedKeyMapping(path, key, true, mModel.settings);
+}
+
+void ConfigurationManagementService::addStatusKeyMapping(std::string path, std::string key) {
+  addTrackedKeyMapping(path, key, false, mModel.statuses);
 }
 
 void ConfigurationManagementService::addQueryKeyMapping(std::string path, std::string key) {
