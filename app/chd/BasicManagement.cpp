@@ -5,6 +5,7 @@
 #include <ctime>
 #include <new>
 
+#include "UPnPResultCodes.h"
 #include "tolvane/EventThread.h"
 #include "tolvane/Logging.h"
 #include "tolvane/PlatformSettings.h"
@@ -37,15 +38,6 @@ const char* const kProcEntriesFile = "/procEntriesStatus.log";
 const char* const kProcessListFile = "/processList.log";
 const char* const kFdStatusFile = "/fdStatus.log";
 const char* const kNetstatFile = "/netstat.log";
-
-// Result codes carried to the single 404 answer.
-const int kNoListener = -1;
-const int kProcEntriesFailed = -2;
-const int kPathProblem = -3;
-const int kWifiChipFailed = -4;
-const int kProcessListFailed = -5;
-const int kFdStatusFailed = -6;
-const int kNetstatFailed = -7;
 
 // The private listener that serves the log files on the standard HTTP port as well.
 const uint16_t kPrivateHttpPort = 80;
@@ -374,7 +366,7 @@ int BasicManagementService::refreshWithListener(const std::string& path) {
     std::lock_guard<std::mutex> lock(mListenerLock);
     listener = mBasicManagementListener;
     if (listener == nullptr) {
-      return kNoListener;
+      return kLogDeliveryNoListener;
     }
     ++mRefreshesRunning;
   }
@@ -391,7 +383,7 @@ int BasicManagementService::refreshWithListener(const std::string& path) {
 int BasicManagementService::refreshBeforeSending(BasicManagementListener* listener, const std::string& path) {
   // Without wifi the archive is sent as it stands; its failed refresh is not logged on its own.
   if (path == mLogPath + kWifiChipFile && platform()->hasWifi() && !listener->updateWifiChipLogFile()) {
-    return kWifiChipFailed;
+    return kLogDeliveryWifiChipFailed;
   }
   struct Refresh {
     const char* suffix;
@@ -399,10 +391,10 @@ int BasicManagementService::refreshBeforeSending(BasicManagementListener* listen
     int failure;
   };
   static const Refresh kRefreshes[] = {
-      {kProcEntriesFile, &BasicManagementListener::updateProcEntries, kProcEntriesFailed},
-      {kProcessListFile, &BasicManagementListener::updateProcessList, kProcessListFailed},
-      {kFdStatusFile, &BasicManagementListener::updateFdStatus, kFdStatusFailed},
-      {kNetstatFile, &BasicManagementListener::updateNetstat, kNetstatFailed},
+      {kProcEntriesFile, &BasicManagementListener::updateProcEntries, kLogDeliveryProcEntriesFailed},
+      {kProcessListFile, &BasicManagementListener::updateProcessList, kLogDeliveryProcessListFailed},
+      {kFdStatusFile, &BasicManagementListener::updateFdStatus, kLogDeliveryFdStatusFailed},
+      {kNetstatFile, &BasicManagementListener::updateNetstat, kLogDeliveryNetstatFailed},
   };
   for (const Refresh& refresh : kRefreshes) {
     if (path == mLogPath + refresh.suffix && !(listener->*refresh.update)()) {
@@ -420,7 +412,7 @@ int BasicManagementService::serveLogFile(const std::string& path, zuna_http::Web
   // the file must resolve to a regular file inside the log directory.
   if (!belowLogPath || path.find('\0') != std::string::npos || !file.openBeneath(mLogPath, path)) {
     TL_LOG(0, "Requested path [%s] problem.", path.c_str());
-    return kPathProblem;
+    return kLogDeliveryPathProblem;
   }
   sendResponse(true, socket, file.getLength());
   if (sendLogs(&file, socket) == -1) {
@@ -433,11 +425,11 @@ int BasicManagementService::serveLogFile(const std::string& path, zuna_http::Web
 void BasicManagementService::sendResponse(bool ok, zuna_http::WebSocket* socket, int64_t contentLength) {
   TL_TRACE();
   if (!ok) {
-    const zuna_http::WebResponse notFound(404);
+    const zuna_http::WebResponse notFound(kHttpNotFound);
     notFound.send(socket->getReaderWriter());
     return;
   }
-  zuna_http::WebResponse head(200);
+  zuna_http::WebResponse head(kHttpOk);
   head.addField("Connection", "close");
   head.addField("Content-Type", "text/plain; charset=\"utf-8\"");
   head.addField("Server", zuna_upnp::Controller::getInstance()->getServerString());

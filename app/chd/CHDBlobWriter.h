@@ -11,6 +11,8 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -39,6 +41,11 @@ class CHDBlobWriter : public ConfigurationManagementListener, public IStatusUpda
 
   void notifyStatusChanged(StatusMap statuses) override;
   void notifyEventPosted(std::string name, std::string value) override;
+
+  // The time stamp of a blob and of a history entry: the moment in UTC as
+  // "YYYY-MM-DDThh:mm:ss", without a zone letter, which is the form receivers
+  // of the blob know.
+  static std::string formatTimestamp(time_t when);
 
  protected:
   // The writer's own thread, so that a subclass can run work in step with it.
@@ -106,8 +113,7 @@ class CHDBlobWriter : public ConfigurationManagementListener, public IStatusUpda
   static const HistoryRow kTrackedParameters[];
   static const HistoryRow kDataEvents[];
   static const HistoryRow kLowRssiHistory;
-  template <class Visit>
-  static void forEachHistoryRow(Visit visit);
+  static void forEachHistoryRow(const std::function<void(const HistoryRow&)>& visit);
 
   void fillTables();
   void registerWithStatusStore();

@@ -12,7 +12,7 @@
 #include "zuna_net/NetworkManager.h"
 #include "zuna_upnp/Controller.h"
 
-TL_REGISTER_LOGGING(true, 5);
+TL_REGISTER_LOGGING(true, kLogInfo);
 
 ClientHomeDiagnosticsControl::ClientHomeDiagnosticsControl() : mController(zuna_upnp::Controller::getInstance()) {
   TL_TRACE();
@@ -30,15 +30,15 @@ bool ClientHomeDiagnosticsControl::start() {
   // waits in stop() until the objects it tears down exist.
   const Tolvane::ScopedLock lock(mLock);
   if (!initNetwork()) {
-    TL_LOG(0, "Failed to initialize the Network Monitor");
+    TL_LOG(kLogError, "Failed to initialize the Network Monitor");
     return false;
   }
   if (!initManageableDevice()) {
-    TL_LOG(0, "Failed to initialize the ManageableDevice");
+    TL_LOG(kLogError, "Failed to initialize the ManageableDevice");
     return false;
   }
   if (!initLogWatch()) {
-    TL_LOG(0, "Failed to initialize LogWatch");
+    TL_LOG(kLogError, "Failed to initialize LogWatch");
     return false;
   }
   mStopCondition.wait(mLock);
@@ -85,7 +85,7 @@ bool ClientHomeDiagnosticsControl::initManageableDevice() {
   UPnPDeviceInfo info;
   info.model = platform->getModel();
   info.clientId = "VESPARO " + platform->getModel() + "-" + platform->getManufacturerId();
-  TL_LOG(6, "Identifying client as [%s]", info.clientId.c_str());
+  TL_LOG(kLogDetail, "Identifying client as [%s]", info.clientId.c_str());
   info.name = platform->getManufacturer() + " RVU Client";
   info.manufacturer = platform->getManufacturer();
   info.manufacturerId = platform->getManufacturerId();

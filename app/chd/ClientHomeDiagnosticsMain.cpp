@@ -14,7 +14,7 @@
 #include "tolvane/Logging.h"
 #include "tolvane/PlatformSettings.h"
 
-TL_REGISTER_LOGGING(true, 5);
+TL_REGISTER_LOGGING(true, kLogInfo);
 
 namespace {
 // Read by the SIGTERM handler; atomic so that a signal arriving on another
@@ -62,7 +62,7 @@ constexpr std::chrono::milliseconds kStopDeadline{1700};
 void armStopDeadline() {
   std::thread([] {
     std::this_thread::sleep_for(kStopDeadline);
-    TL_LOG(0, "Stopping took longer than %lld ms; exiting now", static_cast<long long>(kStopDeadline.count()));
+    TL_LOG(kLogError, "Stopping took longer than %lld ms; exiting now", static_cast<long long>(kStopDeadline.count()));
     exitStopped();
   }).detach();
 }
@@ -71,9 +71,9 @@ void armStopDeadline() {
 void handleSignal(int sig) {
   TL_TRACE();
   if (sig == SIGABRT) {
-    TL_LOG(0, "CHD exiting on SIGABRT");
+    TL_LOG(kLogError, "CHD exiting on SIGABRT");
   } else if (sig == SIGSEGV) {
-    TL_LOG(0, "CHD exiting on SIGSEGV");
+    TL_LOG(kLogError, "CHD exiting on SIGSEGV");
   }
   // Re-raise with the default action so the process ends by this signal (and dumps core where enabled).
   signal(sig, SIG_DFL);
@@ -82,7 +82,7 @@ void handleSignal(int sig) {
 
 void cleanup(int sig) {
   TL_TRACE();
-  TL_LOG(0, "Received signal [%d] for the CHD applicaiton, stopping CHD", sig);
+  TL_LOG(kLogError, "Received signal [%d] for the CHD applicaiton, stopping CHD", sig);
   gTerminating.store(true);
   armStopDeadline();
   ClientHomeDiagnosticsControl* control = gControl.load();
@@ -96,7 +96,7 @@ int main(int /*argc*/, char** /*argv*/) {
   TL_TRACE();
   logging_enable_syslog(1);
   if (!Tolvane::PlatformSettings::getInstance()->hasChdSupport()) {
-    TL_LOG(2, "This platform does not support CHD");
+    TL_LOG(kLogWarning, "This platform does not support CHD");
     return 0;
   }
   signal(SIGTERM, cleanup);
@@ -110,12 +110,12 @@ int main(int /*argc*/, char** /*argv*/) {
   // Lowered before start() so that every thread it creates inherits the weaker priority.
   const pid_t pid = getpid();
   const int prio = getpriority(PRIO_PROCESS, static_cast<id_t>(pid));
-  TL_LOG(2, "chd process %d prio %d", static_cast<int>(pid), prio);
+  TL_LOG(kLogWarning, "chd process %d prio %d", static_cast<int>(pid), prio);
   setpriority(PRIO_PROCESS, static_cast<id_t>(pid), prio + 5);
   const int adjusted = getpriority(PRIO_PROCESS, static_cast<id_t>(pid));
-  TL_LOG(2, "chd process %d adjusted prio %d", static_cast<int>(pid), adjusted);
+  TL_LOG(kLogWarning, "chd process %d adjusted prio %d", static_cast<int>(pid), adjusted);
 
-  TL_LOG(0, "Starting CHD Control");
+  TL_LOG(kLogError, "Starting CHD Control");
   control->start();
   // A stop by SIGTERM wakes start() before its handler ends the process with
   // status 1; returning here would race that exit with status 0.

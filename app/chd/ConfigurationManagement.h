@@ -5,13 +5,11 @@
 
 #include <atomic>
 #include <cstdint>
-#include <deque>
-#include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include "ConfigurationDataModel.h"
 #include "ConfigurationManagementListener.h"
 #include "status/StatusManager.h"
 #include "tolvane/EventThread.h"
@@ -26,14 +24,20 @@ class TiXmlElement;
 
 class ConfigurationManagementService : public zuna_upnp::LocalService, public IStatusUpdateListener {
  public:
-  typedef std::map<std::string, std::string> StringMap;
-  typedef std::deque<std::string> StringList;
-  typedef std::map<std::string, StringList> ValueListMap;
+  typedef ConfigurationDataModel::StringMap StringMap;
+  typedef ConfigurationDataModel::StringList StringList;
+  typedef ConfigurationDataModel::ValueListMap ValueListMap;
 
   ConfigurationManagementService(zuna_upnp::LocalDevice* device, zuna_upnp::RootDevice* root);
   ~ConfigurationManagementService() override;
 
   void setConfigurationManagementListener(ConfigurationManagementListener* listener);
+
+  // The data model as loaded; its values change on the service dispatcher.
+  const ConfigurationDataModel& dataModel() const { return mModel; }
+  // The thread on which the status store's changes reach the service, before
+  // they are handed on to the service dispatcher.
+  Tolvane::EventDispatcher& statusDispatcher() { return mStatusThread; }
 
   // Mirrors one status-store change into the data model, always on the
   // service dispatcher. True when the key belongs to the data model (or the
@@ -73,7 +77,9 @@ class ConfigurationManagementService : public zuna_upnp::LocalService, public IS
   void handleOverrideRequests(StatusMap& updates);
 
  private:
-  friend class ConfigurationManagementTestPeer;
+  // The client application's answers in the settings-refresh handshake.
+  static constexpr const char* kSettingsRefreshErrorEvent = "Settings Refresh Error Event";
+  static constexpr const char* kSettingsRefreshCompletedEvent = "Settings Refresh Completed Event";
 
   void declareStateVariables();
   void registerActions();
@@ -85,6 +91,7 @@ class ConfigurationManagementService : public zuna_upnp::LocalService, public IS
   const std::string* storeTrackedValue(const std::string& path, std::string upnpValue);
   void publishParameterUpdate(const std::string& path, const std::string& upnpValue);
   std::string readValue(const std::string& path);
+  void acceptAttributePath(const std::string& path, std::vector<std::string>& accepted) const;
   zuna_upnp::UPnPReturn collectSetRequest(TiXmlElement* element, StatusMap& statusUpdates, StatusMap& fileUpdates);
   zuna_upnp::UPnPReturn checkSetParameter(TiXmlElement* parameter, std::string& path, std::string& value,
                                           bool& isFileSetting);
@@ -97,6 +104,7 @@ class ConfigurationManagementService : public zuna_upnp::LocalService, public IS
   void populateUpnpValueMap();
   void populateStatusValueMap();
   void populateSpecialTranslationMap();
+  void addTrackedKeyMapping(const std::string& path, const std::string& key, bool recordEmptyKey, StringMap& values);
   void addFileSettingKeyMapping(std::string path, std::string key);
   void addSettingKeyMapping(std::string path, std::string key);
   void addStatusKeyMapping(std::string path, std::string key);
@@ -105,7 +113,6 @@ class ConfigurationManagementService : public zuna_upnp::LocalService, public IS
   void addCounterKeyMapping(std::string path, std::string name);
   void calculateMaxDepth();
 
-  int32_t mMaxDepth;
   uint32_t mParameterUpdateCount;
   std::string mSupportedParametersUpdate;
   std::string mConfigurationUpdate;
@@ -119,19 +126,7 @@ class ConfigurationManagementService : public zuna_upnp::LocalService, public IS
   Tolvane::EventThread mStatusThread;
   Tolvane::Mutex mLock;
   Tolvane::Condition mRefreshCondition;
-  StringMap mFileSettings;
-  StringMap mSettings;
-  StringMap mStatuses;
-  StringList mUpnpKeys;
-  StringList mStatusKeys;
-  StringMap mUpnpToStatusKeyMap;
-  StringMap mStatusKeyToUpnpMap;
-  StringMap mUpnpToQueryStatusMap;
-  StringMap mUpnpToTimerNameMap;
-  StringMap mUpnpToCounterNameMap;
-  ValueListMap mUpnpValueMap;
-  ValueListMap mStatusValueMap;
-  StringMap mSpecialTranslationMap;
+  ConfigurationDataModel mModel;
   Tolvane::SmartPtr<zuna_localui::ISettingsManager> mSettingsManager;
   Tolvane::SmartPtr<Tolvane::EventAgent> mCheckChangedVarsAgent;
   bool mHdmiPlugged;

@@ -1,6 +1,7 @@
 // The "/vsp/" data model: which box value stands behind each path, and how
 // enumerated values are spelled on the UPnP side and on the box side.
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -8,16 +9,16 @@
 #include "tolvane/Logging.h"
 #include "tolvane/PlatformSettings.h"
 
-TL_REGISTER_LOGGING(true, 5);
+TL_REGISTER_LOGGING(true, kLogInfo);
 
 namespace {
 
 typedef std::pair<std::string, std::string> KeyPath;
 
-const std::string RCS_PREFIX = "RCS.";
+const std::string kRcsPrefix = "RCS.";
 
 // Each pair is (settings, status, timer or counter name; path).
-const KeyPath FILE_SETTING_REFERENCE[] = {
+const KeyPath kFileSettingReference[] = {
     {"Audio.Dolby.DolbyDigital", "/vsp/Audio/DOLBYDIGITAL"},
     {"PowerSaving.Enabled", "/vsp/PowerSaving/POWER_SAVING"},
     {"HDTV.Video.Native", "/vsp/HDTV/NATIVE"},
@@ -37,7 +38,7 @@ const KeyPath FILE_SETTING_REFERENCE[] = {
 
 // MEDIA_TRANSITION has no key on purpose: the path is part of the tree and of
 // the settings, but nothing on the box stands behind it.
-const KeyPath SETTING_REFERENCE[] = {
+const KeyPath kSettingReference[] = {
     {"CHD Reporting Interval", "/vsp/CHD/REPORTING_INTERVAL"},
     {"", "/vsp/CHD/MEDIA_TRANSITION"},
     {"In Standby", "/vsp/Standby/IN_STANDBY"},
@@ -45,25 +46,25 @@ const KeyPath SETTING_REFERENCE[] = {
 
 // Several store keys carry a trailing colon or inner blanks; they are the
 // store's own spelling.
-const KeyPath STATUS_REFERENCE[] = {
+const KeyPath kStatusReference[] = {
     {"Language", "/vsp/Preferences/LANGUAGE"},
     {"HDMI Plug", "/vsp/HDTV/HDMI_CONNECTED"},
-    {RCS_PREFIX + "ReceiverMode.Option", "/vsp/RCS/RECEIVER_CODE"},
+    {kRcsPrefix + "ReceiverMode.Option", "/vsp/RCS/RECEIVER_CODE"},
     {"ESN", "/vsp/RCS/ESN"},
-    {RCS_PREFIX + "MultiBox.ReceiverCode", "/vsp/RCS/MULTIBOX_RECEIVER_CODE"},
-    {RCS_PREFIX + "IRRFSetup.Option", "/vsp/RCS/REMOTE_TYPE"},
-    {RCS_PREFIX + "MultiBox.Activated", "/vsp/RCS/MULTIBOX_ACTIVATED"},
-    {RCS_PREFIX + "ProgramDates", "/vsp/RCS/BRAND_PROGRAM_TIME"},
-    {RCS_PREFIX + "VolumeLock", "/vsp/RCS/VOLUME_LOCK"},
-    {RCS_PREFIX + "TV" + ".BRAND", "/vsp/RCS/TV/BRAND"},
-    {RCS_PREFIX + "TV" + ".DEVTYPE", "/vsp/RCS/TV/DEVICE_TYPE"},
-    {RCS_PREFIX + "TV" + ".CODESET", "/vsp/RCS/TV/CODE_SET"},
-    {RCS_PREFIX + "AV1" + ".BRAND", "/vsp/RCS/AV1/BRAND"},
-    {RCS_PREFIX + "AV1" + ".DEVTYPE", "/vsp/RCS/AV1/DEVICE_TYPE"},
-    {RCS_PREFIX + "AV1" + ".CODESET", "/vsp/RCS/AV1/CODE_SET"},
-    {RCS_PREFIX + "AV2" + ".BRAND", "/vsp/RCS/AV2/BRAND"},
-    {RCS_PREFIX + "AV2" + ".DEVTYPE", "/vsp/RCS/AV2/DEVICE_TYPE"},
-    {RCS_PREFIX + "AV2" + ".CODESET", "/vsp/RCS/AV2/CODE_SET"},
+    {kRcsPrefix + "MultiBox.ReceiverCode", "/vsp/RCS/MULTIBOX_RECEIVER_CODE"},
+    {kRcsPrefix + "IRRFSetup.Option", "/vsp/RCS/REMOTE_TYPE"},
+    {kRcsPrefix + "MultiBox.Activated", "/vsp/RCS/MULTIBOX_ACTIVATED"},
+    {kRcsPrefix + "ProgramDates", "/vsp/RCS/BRAND_PROGRAM_TIME"},
+    {kRcsPrefix + "VolumeLock", "/vsp/RCS/VOLUME_LOCK"},
+    {kRcsPrefix + "TV" + ".BRAND", "/vsp/RCS/TV/BRAND"},
+    {kRcsPrefix + "TV" + ".DEVTYPE", "/vsp/RCS/TV/DEVICE_TYPE"},
+    {kRcsPrefix + "TV" + ".CODESET", "/vsp/RCS/TV/CODE_SET"},
+    {kRcsPrefix + "AV1" + ".BRAND", "/vsp/RCS/AV1/BRAND"},
+    {kRcsPrefix + "AV1" + ".DEVTYPE", "/vsp/RCS/AV1/DEVICE_TYPE"},
+    {kRcsPrefix + "AV1" + ".CODESET", "/vsp/RCS/AV1/CODE_SET"},
+    {kRcsPrefix + "AV2" + ".BRAND", "/vsp/RCS/AV2/BRAND"},
+    {kRcsPrefix + "AV2" + ".DEVTYPE", "/vsp/RCS/AV2/DEVICE_TYPE"},
+    {kRcsPrefix + "AV2" + ".CODESET", "/vsp/RCS/AV2/CODE_SET"},
     {"Reset.Timestamp", "/vsp/Reset/RESTART_RECEIVER_TIMESTAMP"},
     {"CamID", "/vsp/ClientInfo/CAM_ID"},
     {"NDSSerialNum", "/vsp/ClientInfo/NDS_SERIAL_NUMBER"},
@@ -101,7 +102,7 @@ const KeyPath STATUS_REFERENCE[] = {
     {"CEC TV On", "/vsp/CHD/CEC_TV_ON"},
 };
 
-const KeyPath CAPTIONING_SETTINGS_REFERENCE[] = {
+const KeyPath kCaptioningSettingsReference[] = {
     {"Display.CC.Captioning", "/vsp/CC/CAPTIONING"},  {"Display.CC.DigitalTrack", "/vsp/CC/DIGITAL_TRACK"},
     {"Display.CC.FontSize", "/vsp/CC/FONT_SIZE"},     {"Display.CC.FontStyle", "/vsp/CC/FONT_STYLE"},
     {"Display.CC.FontColor", "/vsp/CC/FONT_COLOR"},   {"Display.CC.FontOpacity", "/vsp/CC/FONT_OPACITY"},
@@ -109,17 +110,17 @@ const KeyPath CAPTIONING_SETTINGS_REFERENCE[] = {
     {"Display.CC.EdgeColor", "/vsp/CC/EDGE_COLOR"},   {"Display.CC.EdgeType", "/vsp/CC/EDGE_TYPE"},
 };
 
-const KeyPath SUBTITLES_SETTINGS_REFERENCE[] = {
+const KeyPath kSubtitlesSettingsReference[] = {
     {"Subtitles.Language", "/vsp/CC/SUBTITLES"},
 };
 
-const KeyPath HDTV_SETTINGS_REFERENCE[] = {
+const KeyPath kHdtvSettingsReference[] = {
     {"HDTV.TVRatio.Encoding", "/vsp/HDTV/TV_ENCODING"},
 };
 
 // AP_MAC_ADDRESS shares its key with /vsp/ClientInfo/MAC_ADDRESS; loaded
 // later, it is the path that status changes of that key reach.
-const KeyPath WIFI_SETTINGS_REFERENCE[] = {
+const KeyPath kWifiSettingsReference[] = {
     {"Client Signal Strength", "/vsp/Connection/Wifi/SIGNAL_STRENGTH"},
     {"Client Historical RSSI Average", "/vsp/Connection/Wifi/RSSI_AVG"},
     {"Client Historical RSSI Min", "/vsp/Connection/Wifi/RSSI_MIN"},
@@ -132,85 +133,85 @@ const KeyPath WIFI_SETTINGS_REFERENCE[] = {
     {"AP MAC Address", "/vsp/Connection/Wifi/AP_MAC_ADDRESS"},
 };
 
-const KeyPath QUERY_SETTINGS_REFERENCE[] = {
+const KeyPath kQuerySettingsReference[] = {
     {"Rx bytes", "/vsp/Connection/RX_BYTES"},
     {"Tx bytes", "/vsp/Connection/TX_BYTES"},
     {"Internal Temp:", "/vsp/ClientInfo/TEMPERATURE"},
 };
 
-const KeyPath QUERY_TIMER_REFERENCE[] = {
+const KeyPath kQueryTimerReference[] = {
     {"Uptime Timer", "/vsp/ClientInfo/UPTIME"},
     {"Connected Timer", "/vsp/CHD/CONNECTION_DURATION"},
     {"Low RSSI Timer", "/vsp/CHD/LOW_RSSI_DURATION"},
 };
 
-const KeyPath QUERY_COUNTER_REFERENCE[] = {
+const KeyPath kQueryCounterReference[] = {
     {"Wifi Error Counter", "/vsp/CHD/WIFI_ERRORS"},
 };
 
-const std::pair<const char*, const char*> SPECIAL_TRANSLATION_REFERENCE[] = {
+const std::pair<const char*, const char*> kSpecialTranslationReference[] = {
     {"Common.On", "On"},        {"Common.Off", "Off"},          {"Common.Disabled", "Disable"},
     {"Common.Connected", "On"}, {"Common.NotConnected", "Off"},
 };
 
 // UPnP value lists.
-const char* const UPNP_ON_OFF[] = {"On", "Off"};
-const char* const UPNP_DIGITAL_TRACK[] = {"Service1", "Service2", "Service3", "Service4", "Service5", "Service6"};
-const char* const UPNP_FONT_SIZE[] = {"Small", "Standard", "Large"};
+const char* const kUpnpOnOff[] = {"On", "Off"};
+const char* const kUpnpDigitalTrack[] = {"Service1", "Service2", "Service3", "Service4", "Service5", "Service6"};
+const char* const kUpnpFontSize[] = {"Small", "Standard", "Large"};
 // "Domcasual" is the UPnP spelling; the box spells it "DomCasual".
-const char* const UPNP_FONT_STYLE[] = {"TradeGothic", "TimesRoman", "KaufmanBold", "Frutiger1",
-                                       "Frutiger2",   "Domcasual",  "Courier",     "Caslon"};
-const char* const UPNP_COLOR[] = {"White", "Black", "Red", "Green", "Blue", "Yellow", "Magenta", "Cyan"};
-const char* const UPNP_OPACITY[] = {"Opaque", "Translucent", "Transparent", "Flash"};
-const char* const UPNP_EDGE_TYPE[] = {"NoEdges",        "UniformEdges",      "RaisedEdges",
-                                      "DepressedEdges", "DropShadowedEdges", "DropLeftShadowedEdges"};
-const char* const UPNP_LANGUAGE[] = {"English", "Spanish", "Portuguese"};
-const char* const UPNP_SCREEN_FORMAT[] = {"Pillarbox", "Letterbox", "Original", "Stretch", "Crop"};
-const char* const UPNP_BAR_COLOR[] = {"DarkGray", "Black", "Gray"};
-const char* const UPNP_TV_RATIO[] = {"Standard", "Widescreen"};
-const char* const UPNP_TV_FORMAT[] = {"Widescreen 16:9", "Standard 4:3"};
-const char* const UPNP_TV_ENCODING[] = {"PALM", "NTSC"};
-const char* const UPNP_RESOLUTION[] = {"480i", "480p", "720p", "1080i", "1080p", "2160p", "4320p"};
+const char* const kUpnpFontStyle[] = {"TradeGothic", "TimesRoman", "KaufmanBold", "Frutiger1",
+                                      "Frutiger2",   "Domcasual",  "Courier",     "Caslon"};
+const char* const kUpnpColor[] = {"White", "Black", "Red", "Green", "Blue", "Yellow", "Magenta", "Cyan"};
+const char* const kUpnpOpacity[] = {"Opaque", "Translucent", "Transparent", "Flash"};
+const char* const kUpnpEdgeType[] = {"NoEdges",        "UniformEdges",      "RaisedEdges",
+                                     "DepressedEdges", "DropShadowedEdges", "DropLeftShadowedEdges"};
+const char* const kUpnpLanguage[] = {"English", "Spanish", "Portuguese"};
+const char* const kUpnpScreenFormat[] = {"Pillarbox", "Letterbox", "Original", "Stretch", "Crop"};
+const char* const kUpnpBarColor[] = {"DarkGray", "Black", "Gray"};
+const char* const kUpnpTvRatio[] = {"Standard", "Widescreen"};
+const char* const kUpnpTvFormat[] = {"Widescreen 16:9", "Standard 4:3"};
+const char* const kUpnpTvEncoding[] = {"PALM", "NTSC"};
+const char* const kUpnpResolution[] = {"480i", "480p", "720p", "1080i", "1080p", "2160p", "4320p"};
 // Ten entries against sixteen on the box side: every subtitles translation
 // ends in the list-length mismatch, and that is how the box behaves.
-const char* const UPNP_SUBTITLES[] = {"Automatic", "None", "English", "Spanish", "Portuguese",
+const char* const kUpnpSubtitles[] = {"Automatic", "None", "English", "Spanish", "Portuguese",
                                       "Other",     "CC1",  "CC2",     "CC3",     "CC4"};
 
 // Settings/status value lists.
-const char* const STATUS_CAPTIONING[] = {"Display.CC.Captioning.On", "Display.CC.Captioning.Off"};
-const char* const STATUS_DIGITAL_TRACK[] = {"Display.CC.DigitalTrack.Service1", "Display.CC.DigitalTrack.Service2",
-                                            "Display.CC.DigitalTrack.Service3", "Display.CC.DigitalTrack.Service4",
-                                            "Display.CC.DigitalTrack.Service5", "Display.CC.DigitalTrack.Service6"};
-const char* const STATUS_FONT_SIZE[] = {"Display.CC.FontSize.Small", "Display.CC.FontSize.Standard",
-                                        "Display.CC.FontSize.Large"};
-const char* const STATUS_FONT_STYLE[] = {"Display.CC.FontStyle.TradeGothic", "Display.CC.FontStyle.TimesRoman",
-                                         "Display.CC.FontStyle.KaufmanBold", "Display.CC.FontStyle.Frutiger1",
-                                         "Display.CC.FontStyle.Frutiger2",   "Display.CC.FontStyle.DomCasual",
-                                         "Display.CC.FontStyle.Courier",     "Display.CC.FontStyle.Caslon"};
-const char* const STATUS_COLOR[] = {"Common.White", "Common.Black",  "Common.Red",     "Common.Green",
+const char* const kStatusCaptioning[] = {"Display.CC.Captioning.On", "Display.CC.Captioning.Off"};
+const char* const kStatusDigitalTrack[] = {"Display.CC.DigitalTrack.Service1", "Display.CC.DigitalTrack.Service2",
+                                           "Display.CC.DigitalTrack.Service3", "Display.CC.DigitalTrack.Service4",
+                                           "Display.CC.DigitalTrack.Service5", "Display.CC.DigitalTrack.Service6"};
+const char* const kStatusFontSize[] = {"Display.CC.FontSize.Small", "Display.CC.FontSize.Standard",
+                                       "Display.CC.FontSize.Large"};
+const char* const kStatusFontStyle[] = {"Display.CC.FontStyle.TradeGothic", "Display.CC.FontStyle.TimesRoman",
+                                        "Display.CC.FontStyle.KaufmanBold", "Display.CC.FontStyle.Frutiger1",
+                                        "Display.CC.FontStyle.Frutiger2",   "Display.CC.FontStyle.DomCasual",
+                                        "Display.CC.FontStyle.Courier",     "Display.CC.FontStyle.Caslon"};
+const char* const kStatusColor[] = {"Common.White", "Common.Black",  "Common.Red",     "Common.Green",
                                     "Common.Blue",  "Common.Yellow", "Common.Magenta", "Common.Cyan"};
-const char* const STATUS_OPACITY[] = {"Display.CC.Opaque", "Display.CC.Translucent", "Display.CC.Transparent",
+const char* const kStatusOpacity[] = {"Display.CC.Opaque", "Display.CC.Translucent", "Display.CC.Transparent",
                                       "Display.CC.Flash"};
-const char* const STATUS_EDGE_TYPE[] = {
+const char* const kStatusEdgeType[] = {
     "Display.CC.EdgeType.None",      "Display.CC.EdgeType.Uniform",         "Display.CC.EdgeType.Raised",
     "Display.CC.EdgeType.Depressed", "Display.CC.EdgeType.RightDropShadow", "Display.CC.EdgeType.LeftDropShadow"};
-const char* const STATUS_DOLBY[] = {"Audio.Dolby.DolbyDigital.On", "Audio.Dolby.DolbyDigital.Off"};
-const char* const STATUS_LANGUAGE[] = {"Common.English", "Common.Spanish", "Common.Portuguese"};
-const char* const STATUS_NATIVE[] = {"HDTV.Video.Native.On", "HDTV.Video.Native.Off"};
-const char* const STATUS_SCREEN_FORMAT[] = {"HDTV.Video.ScreenFormat.Pillarbox", "HDTV.Video.ScreenFormat.Letterbox",
-                                            "HDTV.Video.ScreenFormat.Original", "HDTV.Video.ScreenFormat.Stretch",
-                                            "HDTV.Video.ScreenFormat.Crop"};
-const char* const STATUS_BAR_COLOR[] = {"HDTV.Video.BarColor.DarkGray", "HDTV.Video.BarColor.Black",
-                                        "HDTV.Video.BarColor.Gray"};
-const char* const STATUS_HDMI_CONTROL[] = {"HDTV.Video.HDMIControl.On", "HDTV.Video.HDMIControl.Off"};
-const char* const STATUS_ASPECT_RATIO[] = {"HDTV.TVRatio.AspectRatio.Standard", "HDTV.TVRatio.AspectRatio.Widescreen"};
-const char* const STATUS_ENCODING[] = {"HDTV.TVRatio.Encoding.PALM", "HDTV.TVRatio.Encoding.NTSC"};
-const char* const STATUS_RESOLUTION[] = {
+const char* const kStatusDolby[] = {"Audio.Dolby.DolbyDigital.On", "Audio.Dolby.DolbyDigital.Off"};
+const char* const kStatusLanguage[] = {"Common.English", "Common.Spanish", "Common.Portuguese"};
+const char* const kStatusNative[] = {"HDTV.Video.Native.On", "HDTV.Video.Native.Off"};
+const char* const kStatusScreenFormat[] = {"HDTV.Video.ScreenFormat.Pillarbox", "HDTV.Video.ScreenFormat.Letterbox",
+                                           "HDTV.Video.ScreenFormat.Original", "HDTV.Video.ScreenFormat.Stretch",
+                                           "HDTV.Video.ScreenFormat.Crop"};
+const char* const kStatusBarColor[] = {"HDTV.Video.BarColor.DarkGray", "HDTV.Video.BarColor.Black",
+                                       "HDTV.Video.BarColor.Gray"};
+const char* const kStatusHdmiControl[] = {"HDTV.Video.HDMIControl.On", "HDTV.Video.HDMIControl.Off"};
+const char* const kStatusAspectRatio[] = {"HDTV.TVRatio.AspectRatio.Standard", "HDTV.TVRatio.AspectRatio.Widescreen"};
+const char* const kStatusEncoding[] = {"HDTV.TVRatio.Encoding.PALM", "HDTV.TVRatio.Encoding.NTSC"};
+const char* const kStatusResolution[] = {
     "HDTV.TVResolutions.480i",  "HDTV.TVResolutions.480p",  "HDTV.TVResolutions.720p", "HDTV.TVResolutions.1080i",
     "HDTV.TVResolutions.1080p", "HDTV.TVResolutions.2160p", "HDTV.TVResolutions.4320p"};
-const char* const STATUS_COMMON_ON_OFF[] = {"Common.On", "Common.Off"};
-const char* const STATUS_POWER_SAVING[] = {"PowerSaving.Enabled.On", "PowerSaving.Enabled.Off"};
-const char* const STATUS_SUBTITLES[] = {
+const char* const kStatusCommonOnOff[] = {"Common.On", "Common.Off"};
+const char* const kStatusPowerSaving[] = {"PowerSaving.Enabled.On", "PowerSaving.Enabled.Off"};
+const char* const kStatusSubtitles[] = {
     "Subtitles.Language.Automatic", "Subtitles.Language.None",       "Subtitles.Language.English",
     "Subtitles.Language.Spanish",   "Subtitles.Language.Portuguese", "Subtitles.Language.Chinese",
     "Subtitles.Language.French",    "Subtitles.Language.German",     "Subtitles.Language.Italian",
@@ -230,73 +231,73 @@ constexpr ValueList valueList(const char* name, const char* const (&values)[N]) 
 }
 
 // The paths that carry an enumeration, in load order, with their UPnP list.
-const ValueList UPNP_VALUE_PATHS[] = {
-    valueList("/vsp/CC/CAPTIONING", UPNP_ON_OFF),
-    valueList("/vsp/CC/DIGITAL_TRACK", UPNP_DIGITAL_TRACK),
-    valueList("/vsp/CC/FONT_SIZE", UPNP_FONT_SIZE),
-    valueList("/vsp/CC/FONT_STYLE", UPNP_FONT_STYLE),
-    valueList("/vsp/CC/FONT_COLOR", UPNP_COLOR),
-    valueList("/vsp/CC/FONT_OPACITY", UPNP_OPACITY),
-    valueList("/vsp/CC/PANEL_COLOR", UPNP_COLOR),
-    valueList("/vsp/CC/PANEL_OPACITY", UPNP_OPACITY),
-    valueList("/vsp/CC/EDGE_TYPE", UPNP_EDGE_TYPE),
-    valueList("/vsp/CC/EDGE_COLOR", UPNP_COLOR),
-    valueList("/vsp/Audio/DOLBYDIGITAL", UPNP_ON_OFF),
-    valueList("/vsp/Preferences/LANGUAGE", UPNP_LANGUAGE),
-    valueList("/vsp/HDTV/NATIVE", UPNP_ON_OFF),
-    valueList("/vsp/HDTV/SCREEN_FORMAT", UPNP_SCREEN_FORMAT),
-    valueList("/vsp/HDTV/BAR_COLOR", UPNP_BAR_COLOR),
-    valueList("/vsp/HDTV/HDMI_CONTROL", UPNP_ON_OFF),
-    valueList("/vsp/HDTV/TV_RATIO", UPNP_TV_RATIO),
+const ValueList kUpnpValuePaths[] = {
+    valueList("/vsp/CC/CAPTIONING", kUpnpOnOff),
+    valueList("/vsp/CC/DIGITAL_TRACK", kUpnpDigitalTrack),
+    valueList("/vsp/CC/FONT_SIZE", kUpnpFontSize),
+    valueList("/vsp/CC/FONT_STYLE", kUpnpFontStyle),
+    valueList("/vsp/CC/FONT_COLOR", kUpnpColor),
+    valueList("/vsp/CC/FONT_OPACITY", kUpnpOpacity),
+    valueList("/vsp/CC/PANEL_COLOR", kUpnpColor),
+    valueList("/vsp/CC/PANEL_OPACITY", kUpnpOpacity),
+    valueList("/vsp/CC/EDGE_TYPE", kUpnpEdgeType),
+    valueList("/vsp/CC/EDGE_COLOR", kUpnpColor),
+    valueList("/vsp/Audio/DOLBYDIGITAL", kUpnpOnOff),
+    valueList("/vsp/Preferences/LANGUAGE", kUpnpLanguage),
+    valueList("/vsp/HDTV/NATIVE", kUpnpOnOff),
+    valueList("/vsp/HDTV/SCREEN_FORMAT", kUpnpScreenFormat),
+    valueList("/vsp/HDTV/BAR_COLOR", kUpnpBarColor),
+    valueList("/vsp/HDTV/HDMI_CONTROL", kUpnpOnOff),
+    valueList("/vsp/HDTV/TV_RATIO", kUpnpTvRatio),
     // No reference table holds TV_FORMAT: its list pairs with no box list.
-    valueList("/vsp/HDTV/TV_FORMAT", UPNP_TV_FORMAT),
-    valueList("/vsp/HDTV/TV_ENCODING", UPNP_TV_ENCODING),
-    valueList("/vsp/HDTV/SELECTED_RESOLUTION", UPNP_RESOLUTION),
-    valueList("/vsp/HDTV/CURRENT_RESOLUTION", UPNP_RESOLUTION),
-    valueList("/vsp/HDTV/TV_RESOLUTION/TV_RESOLUTION_480i", UPNP_ON_OFF),
-    valueList("/vsp/HDTV/TV_RESOLUTION/TV_RESOLUTION_480p", UPNP_ON_OFF),
-    valueList("/vsp/HDTV/TV_RESOLUTION/TV_RESOLUTION_720p", UPNP_ON_OFF),
-    valueList("/vsp/HDTV/TV_RESOLUTION/TV_RESOLUTION_1080i", UPNP_ON_OFF),
-    valueList("/vsp/HDTV/TV_RESOLUTION/TV_RESOLUTION_1080p", UPNP_ON_OFF),
-    valueList("/vsp/HDTV/TV_RESOLUTION/TV_RESOLUTION_2160p", UPNP_ON_OFF),
-    valueList("/vsp/HDTV/TV_RESOLUTION/TV_RESOLUTION_4320p", UPNP_ON_OFF),
-    valueList("/vsp/PowerSaving/POWER_SAVING", UPNP_ON_OFF),
-    valueList("/vsp/CC/SUBTITLES", UPNP_SUBTITLES),
+    valueList("/vsp/HDTV/TV_FORMAT", kUpnpTvFormat),
+    valueList("/vsp/HDTV/TV_ENCODING", kUpnpTvEncoding),
+    valueList("/vsp/HDTV/SELECTED_RESOLUTION", kUpnpResolution),
+    valueList("/vsp/HDTV/CURRENT_RESOLUTION", kUpnpResolution),
+    valueList("/vsp/HDTV/TV_RESOLUTION/TV_RESOLUTION_480i", kUpnpOnOff),
+    valueList("/vsp/HDTV/TV_RESOLUTION/TV_RESOLUTION_480p", kUpnpOnOff),
+    valueList("/vsp/HDTV/TV_RESOLUTION/TV_RESOLUTION_720p", kUpnpOnOff),
+    valueList("/vsp/HDTV/TV_RESOLUTION/TV_RESOLUTION_1080i", kUpnpOnOff),
+    valueList("/vsp/HDTV/TV_RESOLUTION/TV_RESOLUTION_1080p", kUpnpOnOff),
+    valueList("/vsp/HDTV/TV_RESOLUTION/TV_RESOLUTION_2160p", kUpnpOnOff),
+    valueList("/vsp/HDTV/TV_RESOLUTION/TV_RESOLUTION_4320p", kUpnpOnOff),
+    valueList("/vsp/PowerSaving/POWER_SAVING", kUpnpOnOff),
+    valueList("/vsp/CC/SUBTITLES", kUpnpSubtitles),
 };
 
 // The settings/status keys that carry an enumeration, in load order, with
 // their box list. PreviousResolution has no path of its own.
-const ValueList STATUS_VALUE_KEYS[] = {
-    valueList("Display.CC.Captioning", STATUS_CAPTIONING),
-    valueList("Display.CC.DigitalTrack", STATUS_DIGITAL_TRACK),
-    valueList("Display.CC.FontSize", STATUS_FONT_SIZE),
-    valueList("Display.CC.FontStyle", STATUS_FONT_STYLE),
-    valueList("Display.CC.FontColor", STATUS_COLOR),
-    valueList("Display.CC.FontOpacity", STATUS_OPACITY),
-    valueList("Display.CC.PanelColor", STATUS_COLOR),
-    valueList("Display.CC.PanelOpacity", STATUS_OPACITY),
-    valueList("Display.CC.EdgeType", STATUS_EDGE_TYPE),
-    valueList("Display.CC.EdgeColor", STATUS_COLOR),
-    valueList("Audio.Dolby.DolbyDigital", STATUS_DOLBY),
-    valueList("Language", STATUS_LANGUAGE),
-    valueList("HDTV.Video.Native", STATUS_NATIVE),
-    valueList("HDTV.Video.ScreenFormat", STATUS_SCREEN_FORMAT),
-    valueList("HDTV.Video.BarColor", STATUS_BAR_COLOR),
-    valueList("HDTV.Video.HDMIControl", STATUS_HDMI_CONTROL),
-    valueList("HDTV.TVRatio.AspectRatio", STATUS_ASPECT_RATIO),
-    valueList("HDTV.TVRatio.Encoding", STATUS_ENCODING),
-    valueList("HDTV.TVResolutions.SelectedResolution", STATUS_RESOLUTION),
-    valueList("HDTV.TVResolutions.PreviousResolution", STATUS_RESOLUTION),
-    valueList("HDTV.TVResolutions.CurrentResolution", STATUS_RESOLUTION),
-    valueList("HDTV.TVResolutions.480i", STATUS_COMMON_ON_OFF),
-    valueList("HDTV.TVResolutions.480p", STATUS_COMMON_ON_OFF),
-    valueList("HDTV.TVResolutions.720p", STATUS_COMMON_ON_OFF),
-    valueList("HDTV.TVResolutions.1080i", STATUS_COMMON_ON_OFF),
-    valueList("HDTV.TVResolutions.1080p", STATUS_COMMON_ON_OFF),
-    valueList("HDTV.TVResolutions.2160p", STATUS_COMMON_ON_OFF),
-    valueList("HDTV.TVResolutions.4320p", STATUS_COMMON_ON_OFF),
-    valueList("PowerSaving.Enabled", STATUS_POWER_SAVING),
-    valueList("Subtitles.Language", STATUS_SUBTITLES),
+const ValueList kStatusValueKeys[] = {
+    valueList("Display.CC.Captioning", kStatusCaptioning),
+    valueList("Display.CC.DigitalTrack", kStatusDigitalTrack),
+    valueList("Display.CC.FontSize", kStatusFontSize),
+    valueList("Display.CC.FontStyle", kStatusFontStyle),
+    valueList("Display.CC.FontColor", kStatusColor),
+    valueList("Display.CC.FontOpacity", kStatusOpacity),
+    valueList("Display.CC.PanelColor", kStatusColor),
+    valueList("Display.CC.PanelOpacity", kStatusOpacity),
+    valueList("Display.CC.EdgeType", kStatusEdgeType),
+    valueList("Display.CC.EdgeColor", kStatusColor),
+    valueList("Audio.Dolby.DolbyDigital", kStatusDolby),
+    valueList("Language", kStatusLanguage),
+    valueList("HDTV.Video.Native", kStatusNative),
+    valueList("HDTV.Video.ScreenFormat", kStatusScreenFormat),
+    valueList("HDTV.Video.BarColor", kStatusBarColor),
+    valueList("HDTV.Video.HDMIControl", kStatusHdmiControl),
+    valueList("HDTV.TVRatio.AspectRatio", kStatusAspectRatio),
+    valueList("HDTV.TVRatio.Encoding", kStatusEncoding),
+    valueList("HDTV.TVResolutions.SelectedResolution", kStatusResolution),
+    valueList("HDTV.TVResolutions.PreviousResolution", kStatusResolution),
+    valueList("HDTV.TVResolutions.CurrentResolution", kStatusResolution),
+    valueList("HDTV.TVResolutions.480i", kStatusCommonOnOff),
+    valueList("HDTV.TVResolutions.480p", kStatusCommonOnOff),
+    valueList("HDTV.TVResolutions.720p", kStatusCommonOnOff),
+    valueList("HDTV.TVResolutions.1080i", kStatusCommonOnOff),
+    valueList("HDTV.TVResolutions.1080p", kStatusCommonOnOff),
+    valueList("HDTV.TVResolutions.2160p", kStatusCommonOnOff),
+    valueList("HDTV.TVResolutions.4320p", kStatusCommonOnOff),
+    valueList("PowerSaving.Enabled", kStatusPowerSaving),
+    valueList("Subtitles.Language", kStatusSubtitles),
 };
 
 template <size_t N>
@@ -310,14 +311,33 @@ void populateValueMap(const ValueList (&lists)[N], ConfigurationManagementServic
 
 const ConfigurationManagementService::StringList& listOf(const ConfigurationManagementService::ValueListMap& map,
                                                          const std::string& key) {
-  static const ConfigurationManagementService::StringList EMPTY;
+  static const ConfigurationManagementService::StringList kEmpty;
   auto found = map.find(key);
-  return found == map.end() ? EMPTY : found->second;
+  return found == map.end() ? kEmpty : found->second;
 }
 
 std::string valueOf(const ConfigurationManagementService::StringMap& map, const std::string& key) {
   auto found = map.find(key);
   return found == map.end() ? std::string() : found->second;
+}
+
+// The entry of to at value's place in from, or nothing when from lacks the
+// value. Lists of different lengths pair nothing: the mismatch is logged
+// under the two keys as given and "" is the answer.
+std::optional<std::string> pairedValue(const ConfigurationManagementService::StringList& from,
+                                       const ConfigurationManagementService::StringList& to, const std::string& value,
+                                       const std::string& firstKey, const std::string& secondKey) {
+  if (from.size() != to.size()) {
+    TL_LOG(kLogError, "Mismatch between status and upnp value lists for Status Key [%s] and UPnP Key [%s]",
+           firstKey.c_str(), secondKey.c_str());
+    return std::string();
+  }
+  for (size_t i = 0; i < from.size(); ++i) {
+    if (from[i] == value) {
+      return to[i];
+    }
+  }
+  return std::nullopt;
 }
 
 int platformLocale() { return Tolvane::PlatformSettings::getInstance()->getLocale(); }
@@ -326,7 +346,7 @@ typedef void (ConfigurationManagementService::*KeyAdder)(std::string, std::strin
 
 template <size_t N>
 void loadTable(ConfigurationManagementService& service, const char* name, const KeyPath (&table)[N], KeyAdder add) {
-  TL_LOG(6, "Loading %s", name);
+  TL_LOG(kLogDetail, "Loading %s", name);
   for (const KeyPath& entry : table) {
     (service.*add)(entry.second, entry.first);
   }
@@ -340,113 +360,110 @@ void ConfigurationManagementService::storeSettings() {
   populateUpnpValueMap();
   populateStatusValueMap();
 
-  loadTable(*this, "FILE_SETTING_REFERENCE", FILE_SETTING_REFERENCE, &Self::addFileSettingKeyMapping);
-  loadTable(*this, "SETTING_REFERENCE", SETTING_REFERENCE, &Self::addSettingKeyMapping);
-  loadTable(*this, "STATUS_REFERENCE", STATUS_REFERENCE, &Self::addStatusKeyMapping);
+  loadTable(*this, "FILE_SETTING_REFERENCE", kFileSettingReference, &Self::addFileSettingKeyMapping);
+  loadTable(*this, "SETTING_REFERENCE", kSettingReference, &Self::addSettingKeyMapping);
+  loadTable(*this, "STATUS_REFERENCE", kStatusReference, &Self::addStatusKeyMapping);
   if (platformLocale() != 1 && platformLocale() != 2 && platformLocale() != 3) {
-    loadTable(*this, "CAPTIONING_SETTINGS_REFERENCE", CAPTIONING_SETTINGS_REFERENCE, &Self::addStatusKeyMapping);
+    loadTable(*this, "CAPTIONING_SETTINGS_REFERENCE", kCaptioningSettingsReference, &Self::addStatusKeyMapping);
   } else {
-    loadTable(*this, "SUBTITLES_SETTINGS_REFERENCE", SUBTITLES_SETTINGS_REFERENCE, &Self::addStatusKeyMapping);
+    loadTable(*this, "SUBTITLES_SETTINGS_REFERENCE", kSubtitlesSettingsReference, &Self::addStatusKeyMapping);
   }
   if (platformLocale() == 2) {
-    loadTable(*this, "HDTV_SETTINGS_REFERENCE", HDTV_SETTINGS_REFERENCE, &Self::addStatusKeyMapping);
+    loadTable(*this, "HDTV_SETTINGS_REFERENCE", kHdtvSettingsReference, &Self::addStatusKeyMapping);
   }
   if (Tolvane::PlatformSettings::getInstance()->hasWifi()) {
-    loadTable(*this, "WIFI_SETTINGS_REFERENCE", WIFI_SETTINGS_REFERENCE, &Self::addStatusKeyMapping);
+    loadTable(*this, "WIFI_SETTINGS_REFERENCE", kWifiSettingsReference, &Self::addStatusKeyMapping);
   }
-  loadTable(*this, "QUERY_SETTINGS_REFERENCE", QUERY_SETTINGS_REFERENCE, &Self::addQueryKeyMapping);
-  loadTable(*this, "QUERY_TIMER_REFERENCE", QUERY_TIMER_REFERENCE, &Self::addTimerKeyMapping);
-  loadTable(*this, "QUERY_COUNTER_REFERENCE", QUERY_COUNTER_REFERENCE, &Self::addCounterKeyMapping);
+  loadTable(*this, "QUERY_SETTINGS_REFERENCE", kQuerySettingsReference, &Self::addQueryKeyMapping);
+  loadTable(*this, "QUERY_TIMER_REFERENCE", kQueryTimerReference, &Self::addTimerKeyMapping);
+  loadTable(*this, "QUERY_COUNTER_REFERENCE", kQueryCounterReference, &Self::addCounterKeyMapping);
 
   calculateMaxDepth();
 }
 
 void ConfigurationManagementService::calculateMaxDepth() {
-  TL_LOG(6, "Calculating max depth");
-  for (const std::string& path : mUpnpKeys) {
+  TL_LOG(kLogDetail, "Calculating max depth");
+  for (const std::string& path : mModel.upnpKeys) {
     int depth = countDepth(path);
-    if (depth > mMaxDepth) {
-      mMaxDepth = depth;
+    if (depth > mModel.maxDepth) {
+      mModel.maxDepth = depth;
     }
   }
 }
 
 void ConfigurationManagementService::populateUpnpValueMap() {
   TL_TRACE();
-  populateValueMap(UPNP_VALUE_PATHS, mUpnpValueMap);
+  populateValueMap(kUpnpValuePaths, mModel.upnpValues);
 }
 
 void ConfigurationManagementService::populateStatusValueMap() {
   TL_TRACE();
-  populateValueMap(STATUS_VALUE_KEYS, mStatusValueMap);
+  populateValueMap(kStatusValueKeys, mModel.statusValues);
 }
 
 // Never called at start-up: with this map empty, values of paths without a
 // value list are published exactly as the box stores them.
 void ConfigurationManagementService::populateSpecialTranslationMap() {
   TL_TRACE();
-  for (const auto& entry : SPECIAL_TRANSLATION_REFERENCE) {
-    mSpecialTranslationMap[entry.first] = entry.second;
+  for (const auto& entry : kSpecialTranslationReference) {
+    mModel.specialTranslations[entry.first] = entry.second;
   }
 }
 
+// A path whose value the service keeps in values, recorded with its box key
+// both ways; an empty key is recorded only when recordEmptyKey says so.
+void ConfigurationManagementService::addTrackedKeyMapping(const std::string& path, const std::string& key,
+                                                          bool recordEmptyKey, StringMap& values) {
+  mModel.upnpKeys.push_back(path);
+  if (recordEmptyKey || !key.empty()) {
+    mModel.statusKeys.push_back(key);
+    mModel.upnpToStatusKey[path] = key;
+    mModel.statusKeyToUpnp[key] = path;
+  }
+  TL_LOG(kLogInfo, "Adding UPnP Key: [%s]", path.c_str());
+  values[path] = "";
+}
+
 void ConfigurationManagementService::addFileSettingKeyMapping(std::string path, std::string key) {
-  mUpnpKeys.push_back(path);
-  mStatusKeys.push_back(key);
-  mUpnpToStatusKeyMap[path] = key;
-  mStatusKeyToUpnpMap[key] = path;
-  TL_LOG(5, "Adding UPnP Key: [%s]", path.c_str());
-  mFileSettings[path] = "";
+  addTrackedKeyMapping(path, key, true, mModel.fileSettings);
 }
 
 // Unlike the status adder, an empty key is recorded too (MEDIA_TRANSITION
 // maps "" to its path), as the box has always done.
 void ConfigurationManagementService::addSettingKeyMapping(std::string path, std::string key) {
-  mUpnpKeys.push_back(path);
-  mStatusKeys.push_back(key);
-  mUpnpToStatusKeyMap[path] = key;
-  mStatusKeyToUpnpMap[key] = path;
-  TL_LOG(5, "Adding UPnP Key: [%s]", path.c_str());
-  mSettings[path] = "";
+  addTrackedKeyMapping(path, key, true, mModel.settings);
 }
 
 void ConfigurationManagementService::addStatusKeyMapping(std::string path, std::string key) {
-  mUpnpKeys.push_back(path);
-  if (!key.empty()) {
-    mStatusKeys.push_back(key);
-    mUpnpToStatusKeyMap[path] = key;
-    mStatusKeyToUpnpMap[key] = path;
-  }
-  TL_LOG(5, "Adding UPnP Key: [%s]", path.c_str());
-  mStatuses[path] = "";
+  addTrackedKeyMapping(path, key, false, mModel.statuses);
 }
 
 void ConfigurationManagementService::addQueryKeyMapping(std::string path, std::string key) {
-  mUpnpKeys.push_back(path);
-  mUpnpToQueryStatusMap[path] = key;
+  mModel.upnpKeys.push_back(path);
+  mModel.upnpToQueryStatus[path] = key;
 }
 
 void ConfigurationManagementService::addTimerKeyMapping(std::string path, std::string name) {
-  mUpnpKeys.push_back(path);
-  mUpnpToTimerNameMap[path] = name;
+  mModel.upnpKeys.push_back(path);
+  mModel.upnpToTimerName[path] = name;
 }
 
 void ConfigurationManagementService::addCounterKeyMapping(std::string path, std::string name) {
-  mUpnpKeys.push_back(path);
-  mUpnpToCounterNameMap[path] = name;
+  mModel.upnpKeys.push_back(path);
+  mModel.upnpToCounterName[path] = name;
 }
 
 bool ConfigurationManagementService::isValidSettingPath(const std::string& path) {
-  return mSettings.find(path) != mSettings.end();
+  return mModel.settings.find(path) != mModel.settings.end();
 }
 
 bool ConfigurationManagementService::isValidFileSettingPath(const std::string& path) {
-  return mFileSettings.find(path) != mFileSettings.end();
+  return mModel.fileSettings.find(path) != mModel.fileSettings.end();
 }
 
 bool ConfigurationManagementService::isValidUpnpValue(const std::string& path, const std::string& value) {
-  auto allowed = mUpnpValueMap.find(path);
-  if (allowed == mUpnpValueMap.end()) {
+  auto allowed = mModel.upnpValues.find(path);
+  if (allowed == mModel.upnpValues.end()) {
     return isValidFileSettingPath(path) || isValidSettingPath(path);
   }
   for (const std::string& candidate : allowed->second) {
@@ -459,46 +476,32 @@ bool ConfigurationManagementService::isValidUpnpValue(const std::string& path, c
 
 std::string ConfigurationManagementService::translateToUpnpValue(std::string path, std::string statusValue) {
   TL_TRACE();
-  if (mUpnpValueMap.find(path) == mUpnpValueMap.end()) {
-    auto special = mSpecialTranslationMap.find(statusValue);
-    return special == mSpecialTranslationMap.end() ? statusValue : special->second;
+  if (mModel.upnpValues.find(path) == mModel.upnpValues.end()) {
+    auto special = mModel.specialTranslations.find(statusValue);
+    return special == mModel.specialTranslations.end() ? statusValue : special->second;
   }
-  const std::string statusKey = valueOf(mUpnpToStatusKeyMap, path);
-  const StringList& upnpValues = listOf(mUpnpValueMap, path);
-  const StringList& statusValues = listOf(mStatusValueMap, statusKey);
-  if (upnpValues.size() != statusValues.size()) {
-    // The labels read the other way round in this direction; kept as logged by the box.
-    TL_LOG(0, "Mismatch between status and upnp value lists for Status Key [%s] and UPnP Key [%s]", path.c_str(),
-           statusKey.c_str());
-    return "";
+  const std::string statusKey = valueOf(mModel.upnpToStatusKey, path);
+  // The labels read the other way round in this direction; kept as logged by the box.
+  std::optional<std::string> paired = pairedValue(listOf(mModel.statusValues, statusKey),
+                                                  listOf(mModel.upnpValues, path), statusValue, path, statusKey);
+  if (paired) {
+    return *paired;
   }
-  for (size_t i = 0; i < statusValues.size(); ++i) {
-    if (statusValues[i] == statusValue) {
-      return upnpValues[i];
-    }
-  }
-  TL_LOG(2, "Status Value [%s] has no valid mapping for UPnP Key [%s]", statusValue.c_str(), path.c_str());
+  TL_LOG(kLogWarning, "Status Value [%s] has no valid mapping for UPnP Key [%s]", statusValue.c_str(), path.c_str());
   return statusValue;
 }
 
 std::string ConfigurationManagementService::translateToStatusValue(std::string statusKey, std::string upnpValue) {
   TL_TRACE();
-  if (mStatusValueMap.find(statusKey) == mStatusValueMap.end()) {
+  if (mModel.statusValues.find(statusKey) == mModel.statusValues.end()) {
     return upnpValue;
   }
-  const std::string path = valueOf(mStatusKeyToUpnpMap, statusKey);
-  const StringList& statusValues = listOf(mStatusValueMap, statusKey);
-  const StringList& upnpValues = listOf(mUpnpValueMap, path);
-  if (upnpValues.size() != statusValues.size()) {
-    TL_LOG(0, "Mismatch between status and upnp value lists for Status Key [%s] and UPnP Key [%s]", statusKey.c_str(),
-           path.c_str());
-    return "";
+  const std::string path = valueOf(mModel.statusKeyToUpnp, statusKey);
+  std::optional<std::string> paired =
+      pairedValue(listOf(mModel.upnpValues, path), listOf(mModel.statusValues, statusKey), upnpValue, statusKey, path);
+  if (paired) {
+    return *paired;
   }
-  for (size_t i = 0; i < upnpValues.size(); ++i) {
-    if (upnpValues[i] == upnpValue) {
-      return statusValues[i];
-    }
-  }
-  TL_LOG(2, "UPnP Value [%s] has no valid mapping to Status Key [%s]", upnpValue.c_str(), statusKey.c_str());
+  TL_LOG(kLogWarning, "UPnP Value [%s] has no valid mapping to Status Key [%s]", upnpValue.c_str(), statusKey.c_str());
   return upnpValue;
 }

@@ -5,7 +5,7 @@
 #include "tolvane/Logging.h"
 #include "zuna_upnp/Controller.h"
 
-TL_REGISTER_LOGGING(true, 5);
+TL_REGISTER_LOGGING(true, kLogInfo);
 
 ManageableDevice::ManageableDevice(const UPnPDeviceInfo& info) {
   TL_TRACE();
@@ -14,7 +14,7 @@ ManageableDevice::ManageableDevice(const UPnPDeviceInfo& info) {
   makeUDN();
 
   setStrings(info.name + " ManageableDevice", info.manufacturer, info.clientId, info.model, info.manufacturerId);
-  TL_LOG(5, "Using strings [%s] [%s] [%s] [%s]", getFriendlyName().c_str(), getManufacturer().c_str(),
+  TL_LOG(kLogInfo, "Using strings [%s] [%s] [%s] [%s]", getFriendlyName().c_str(), getManufacturer().c_str(),
          getModelNumber().c_str(), getModelDescription().c_str());
   setFlags(true, false);
 
@@ -33,7 +33,7 @@ ManageableDevice::~ManageableDevice() { TL_TRACE(); }
 void ManageableDevice::setBasicManagementListener(BasicManagementListener* listener) {
   TL_TRACE();
   if (mBasicManagementService == nullptr) {
-    TL_LOG(0, "BasicManagementService is NULL, can't set BasicManagementListener");
+    TL_LOG(kLogError, "BasicManagementService is NULL, can't set BasicManagementListener");
     return;
   }
   mBasicManagementService->setBasicManagementListener(listener);
@@ -42,7 +42,7 @@ void ManageableDevice::setBasicManagementListener(BasicManagementListener* liste
 void ManageableDevice::setConfigurationManagementListener(ConfigurationManagementListener* listener) {
   TL_TRACE();
   if (mConfigurationManagementService == nullptr) {
-    TL_LOG(0, "mConfigurationManagementService is NULL, can't set mConfigurationManagementListener");
+    TL_LOG(kLogError, "mConfigurationManagementService is NULL, can't set mConfigurationManagementListener");
     return;
   }
   mConfigurationManagementService->setConfigurationManagementListener(listener);
@@ -53,12 +53,12 @@ bool ManageableDevice::updateUPnPServiceParam(std::string service, std::string k
   for (size_t i = 0; i < getServiceCount(); ++i) {
     zuna_upnp::LocalService* candidate = getService(i);
     const std::string& name = candidate->getName();
-    TL_LOG(6, "service index [%d] service [%s]", static_cast<int>(i), name.c_str());
+    TL_LOG(kLogDetail, "service index [%d] service [%s]", static_cast<int>(i), name.c_str());
     if (name == service) {
       candidate->updateServiceParam(key, value, flag);
       return true;
     }
   }
-  TL_LOG(6, "Couldn't find service[%s]", service.c_str());
+  TL_LOG(kLogDetail, "Couldn't find service[%s]", service.c_str());
   return false;
 }

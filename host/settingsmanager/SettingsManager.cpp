@@ -48,7 +48,7 @@ struct ServiceRegistration {
   }
 };
 
-const ServiceRegistration gRegistration;
+const ServiceRegistration kServiceRegistration;
 
 }  // namespace
 

@@ -17,6 +17,13 @@
 #include <functional>
 #include <string>
 
+// The levels by name, for TL_LOG and TL_REGISTER_LOGGING.
+constexpr int kLogError = 0;
+constexpr int kLogWarning = 2;
+constexpr int kLogInfo = 5;
+constexpr int kLogDetail = 6;
+constexpr int kLogTrace = 7;
+
 // Registers a source file once: enable switches its messages on or off, level
 // is its threshold. Files that never register use the platform default.
 void register_logging(const char* file, bool enable, int level);

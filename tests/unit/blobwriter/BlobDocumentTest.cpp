@@ -146,6 +146,14 @@ TEST_F(BlobDocumentTest, TopKeyIsTheUtcTimeWithoutZoneLetter) {
   EXPECT_GE(after, stamped);
 }
 
+// Nineteen characters in UTC, without a zone letter.
+TEST(BlobTimestampTest, FormatsTheMomentInUtcWithoutAZoneLetter) {
+  EXPECT_EQ("1970-01-01T00:00:00", CHDBlobWriter::formatTimestamp(0));
+  EXPECT_EQ("2023-11-14T22:13:20", CHDBlobWriter::formatTimestamp(1700000000));
+  EXPECT_EQ("2038-01-19T03:14:08", CHDBlobWriter::formatTimestamp(time_t{2147483648}));
+  EXPECT_EQ("9999-12-31T23:59:59", CHDBlobWriter::formatTimestamp(time_t{253402300799}));
+}
+
 TEST_F(BlobDocumentTest, TwoBlobsBuiltInTheSameSecondShareTheTopKey) {
   for (int attempt = 0; attempt < 5; ++attempt) {
     const time_t before = time(nullptr);

@@ -210,7 +210,7 @@ void ConfigurationTest::destroyService() {
 }
 
 void ConfigurationTest::flush() {
-  runOn(&Peer::statusThread(*mService), [] {});
+  runOn(&mService->statusDispatcher(), [] {});
   runOn(dispatcher(), [] {});
 }
 

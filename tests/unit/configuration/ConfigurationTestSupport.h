@@ -23,32 +23,7 @@
 #include "tolvane_host/ManualClock.h"
 #include "zuna_upnp/LocalDevice.h"
 
-// Reaches the service's private state for checks that have no action of their own.
-class ConfigurationManagementTestPeer {
- public:
-  typedef ConfigurationManagementService Service;
-  static const Service::StringList& upnpKeys(Service& s) { return s.mUpnpKeys; }
-  static const Service::StringList& statusKeys(Service& s) { return s.mStatusKeys; }
-  static const Service::StringMap& statusKeyToUpnp(Service& s) { return s.mStatusKeyToUpnpMap; }
-  static const Service::StringMap& upnpToStatusKey(Service& s) { return s.mUpnpToStatusKeyMap; }
-  static const Service::StringMap& fileSettings(Service& s) { return s.mFileSettings; }
-  static const Service::StringMap& settings(Service& s) { return s.mSettings; }
-  static const Service::StringMap& statuses(Service& s) { return s.mStatuses; }
-  static const Service::StringMap& specialTranslations(Service& s) { return s.mSpecialTranslationMap; }
-  static const Service::StringMap& queryStatuses(Service& s) { return s.mUpnpToQueryStatusMap; }
-  static const Service::StringMap& timers(Service& s) { return s.mUpnpToTimerNameMap; }
-  static const Service::StringMap& counters(Service& s) { return s.mUpnpToCounterNameMap; }
-  static const Service::ValueListMap& upnpValues(Service& s) { return s.mUpnpValueMap; }
-  static const Service::ValueListMap& statusValues(Service& s) { return s.mStatusValueMap; }
-  static int maxDepth(Service& s) { return s.mMaxDepth; }
-  static Tolvane::EventThread& statusThread(Service& s) { return s.mStatusThread; }
-  static Tolvane::Mutex& lock(Service& s) { return s.mLock; }
-  static bool inStandby(Service& s) { return s.mInStandby; }
-};
-
 namespace cmtest {
-
-typedef ConfigurationManagementTestPeer Peer;
 
 // Host platform settings read from a file, with the three values the data
 // model depends on driven by the test.

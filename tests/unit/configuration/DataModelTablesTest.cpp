@@ -23,13 +23,13 @@ class DataModelTablesTest : public ConfigurationTest {
     createService();
   }
   bool hasKey(const std::string& path) {
-    const auto& keys = Peer::upnpKeys(service());
+    const auto& keys = service().dataModel().upnpKeys;
     return std::find(keys.begin(), keys.end(), path) != keys.end();
   }
 };
 
 TEST_F(DataModelTablesTest, LocaleZeroWithoutWifiLoads88PathsInTableOrder) {
-  const auto& keys = Peer::upnpKeys(service());
+  const auto& keys = service().dataModel().upnpKeys;
   ASSERT_EQ(88u, keys.size());
   EXPECT_EQ("/vsp/Audio/DOLBYDIGITAL", keys[0]);
   EXPECT_EQ("/vsp/HDTV/TV_RESOLUTION/TV_RESOLUTION_4320p", keys[14]);
@@ -42,14 +42,14 @@ TEST_F(DataModelTablesTest, LocaleZeroWithoutWifiLoads88PathsInTableOrder) {
   EXPECT_EQ("/vsp/Connection/RX_BYTES", keys[81]);
   EXPECT_EQ("/vsp/ClientInfo/UPTIME", keys[84]);
   EXPECT_EQ("/vsp/CHD/WIFI_ERRORS", keys[87]);
-  EXPECT_EQ(15u, Peer::fileSettings(service()).size());
-  EXPECT_EQ(3u, Peer::settings(service()).size());
-  EXPECT_EQ(63u, Peer::statuses(service()).size());
+  EXPECT_EQ(15u, service().dataModel().fileSettings.size());
+  EXPECT_EQ(3u, service().dataModel().settings.size());
+  EXPECT_EQ(63u, service().dataModel().statuses.size());
 }
 
 TEST_F(DataModelTablesTest, LocaleTwoWithWifiLoads90Paths) {
   rebuild(2, true);
-  EXPECT_EQ(90u, Peer::upnpKeys(service()).size());
+  EXPECT_EQ(90u, service().dataModel().upnpKeys.size());
   EXPECT_TRUE(hasKey("/vsp/CC/SUBTITLES"));
   EXPECT_TRUE(hasKey("/vsp/HDTV/TV_ENCODING"));
   for (const std::string& path : CAPTIONING_PATHS) {
@@ -64,7 +64,7 @@ TEST_F(DataModelTablesTest, LocalesOneAndThreeLoadSubtitlesButNotTheEncoding) {
     EXPECT_TRUE(hasKey("/vsp/CC/SUBTITLES")) << locale;
     EXPECT_FALSE(hasKey("/vsp/HDTV/TV_ENCODING")) << locale;
     EXPECT_FALSE(hasKey("/vsp/CC/CAPTIONING")) << locale;
-    EXPECT_EQ(79u, Peer::upnpKeys(service()).size()) << locale;
+    EXPECT_EQ(79u, service().dataModel().upnpKeys.size()) << locale;
   }
 }
 
@@ -95,38 +95,38 @@ TEST_F(DataModelTablesTest, SettingPathChecksAreExact) {
 }
 
 TEST_F(DataModelTablesTest, MaxDepthIsFourOnEveryPlatform) {
-  EXPECT_EQ(4, Peer::maxDepth(service()));
+  EXPECT_EQ(4, service().dataModel().maxDepth);
   for (int locale = 0; locale <= 3; ++locale) {
     for (bool wifi : {false, true}) {
       rebuild(locale, wifi);
-      EXPECT_EQ(4, Peer::maxDepth(service())) << locale << " " << wifi;
+      EXPECT_EQ(4, service().dataModel().maxDepth) << locale << " " << wifi;
     }
   }
 }
 
 TEST_F(DataModelTablesTest, SharedApMacAddressKeyLeadsToThePathLoadedLast) {
-  EXPECT_EQ("/vsp/ClientInfo/MAC_ADDRESS", Peer::statusKeyToUpnp(service()).at("AP MAC Address"));
+  EXPECT_EQ("/vsp/ClientInfo/MAC_ADDRESS", service().dataModel().statusKeyToUpnp.at("AP MAC Address"));
   rebuild(0, true);
-  EXPECT_EQ("/vsp/Connection/Wifi/AP_MAC_ADDRESS", Peer::statusKeyToUpnp(service()).at("AP MAC Address"));
-  const auto& keys = Peer::statusKeys(service());
+  EXPECT_EQ("/vsp/Connection/Wifi/AP_MAC_ADDRESS", service().dataModel().statusKeyToUpnp.at("AP MAC Address"));
+  const auto& keys = service().dataModel().statusKeys;
   EXPECT_EQ(2, std::count(keys.begin(), keys.end(), "AP MAC Address"));
 }
 
 TEST_F(DataModelTablesTest, EmptySettingKeyIsRecordedButEmptyStatusKeysAreNot) {
-  EXPECT_EQ("/vsp/CHD/MEDIA_TRANSITION", Peer::statusKeyToUpnp(service()).at(""));
-  EXPECT_EQ("", Peer::upnpToStatusKey(service()).at("/vsp/CHD/MEDIA_TRANSITION"));
-  const auto& keys = Peer::statusKeys(service());
+  EXPECT_EQ("/vsp/CHD/MEDIA_TRANSITION", service().dataModel().statusKeyToUpnp.at(""));
+  EXPECT_EQ("", service().dataModel().upnpToStatusKey.at("/vsp/CHD/MEDIA_TRANSITION"));
+  const auto& keys = service().dataModel().statusKeys;
   EXPECT_EQ(1, std::count(keys.begin(), keys.end(), ""));
   // File settings, settings and statuses: 15 + 3 + 53 + 10, then the HDCP key.
   ASSERT_EQ(82u, keys.size());
   EXPECT_EQ("HDCP Failure", keys.back());
   // Queries, timers and counters have no status key.
-  EXPECT_EQ(0u, Peer::upnpToStatusKey(service()).count("/vsp/Connection/RX_BYTES"));
-  EXPECT_EQ(0u, Peer::upnpToStatusKey(service()).count("/vsp/ClientInfo/UPTIME"));
+  EXPECT_EQ(0u, service().dataModel().upnpToStatusKey.count("/vsp/Connection/RX_BYTES"));
+  EXPECT_EQ(0u, service().dataModel().upnpToStatusKey.count("/vsp/ClientInfo/UPTIME"));
 }
 
 TEST_F(DataModelTablesTest, RemoteControlKeysAreComposedFromThePrefix) {
-  const auto& map = Peer::upnpToStatusKey(service());
+  const auto& map = service().dataModel().upnpToStatusKey;
   EXPECT_EQ("RCS.ReceiverMode.Option", map.at("/vsp/RCS/RECEIVER_CODE"));
   EXPECT_EQ("RCS.AV2.CODESET", map.at("/vsp/RCS/AV2/CODE_SET"));
   EXPECT_EQ("RCS.TV.DEVTYPE", map.at("/vsp/RCS/TV/DEVICE_TYPE"));
@@ -174,7 +174,7 @@ TEST_F(DataModelTablesTest, UnknownValueComesBackUnchanged) {
 }
 
 TEST_F(DataModelTablesTest, SpecialTranslationsAreNeverLoaded) {
-  EXPECT_TRUE(Peer::specialTranslations(service()).empty());
+  EXPECT_TRUE(service().dataModel().specialTranslations.empty());
   EXPECT_EQ("Common.Connected", service().translateToUpnpValue("/vsp/Connection/CONNECTED", "Common.Connected"));
 }
 

@@ -64,7 +64,7 @@ TEST_F(PathTreeQueriesTest, DepthOneBelowHdtvListsNineEntries) {
 
 TEST_F(PathTreeQueriesTest, DepthZeroListsEveryKeyInLoadOrder) {
   std::vector<std::string> paths = supportedParameters("/vsp/", 0);
-  const auto& keys = Peer::upnpKeys(service());
+  const auto& keys = service().dataModel().upnpKeys;
   ASSERT_EQ(88u, paths.size());
   EXPECT_EQ(std::vector<std::string>(keys.begin(), keys.end()), paths);
   for (const std::string& path : paths) {

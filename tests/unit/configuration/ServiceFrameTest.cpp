@@ -1,5 +1,6 @@
 // The service frame: declarations, status mirroring, eventing cycle, the
 // trivial actions, GenCHDData, shutdown and the settings manager start-up.
+#include <algorithm>
 #include <cctype>
 #include <cstdlib>
 #include <string>
@@ -243,15 +244,23 @@ TEST_F(ServiceFrameTest, UpdatesFromOtherThreadsAreAppliedOnTheDispatcher) {
   EXPECT_EQ("cam-7", valueOf("/vsp/ClientInfo/CAM_ID"));
 }
 
+int applyEvents(const std::vector<std::string>& eventNames) {
+  return static_cast<int>(std::count(eventNames.begin(), eventNames.end(), "Settings Refresh Apply Event"));
+}
+
+// The standby flag shows in SetValues: in standby it answers without asking
+// the client application to apply the change.
 TEST_F(ServiceFrameTest, FlagsFollowTheirStatuses) {
+  FakeClientApp client(mStore.get());
   setStatuses({{"In Standby", "True"}});
-  bool standby = false;
-  runOn(dispatcher(), [&] { standby = Peer::inStandby(service()); });
-  EXPECT_TRUE(standby);
   EXPECT_EQ("True", valueOf("/vsp/Standby/IN_STANDBY"));
+  EXPECT_TRUE(setValues(parameterValueList({{"/vsp/HDTV/NATIVE", "Off"}})).result.isSuccess());
+  EXPECT_EQ(0, applyEvents(mRecorder.eventNames()));
+  // Only "True" means standby.
   setStatuses({{"In Standby", "true"}});
-  runOn(dispatcher(), [&] { standby = Peer::inStandby(service()); });
-  EXPECT_FALSE(standby);
+  EXPECT_TRUE(setValues(parameterValueList({{"/vsp/HDTV/NATIVE", "On"}})).result.isSuccess());
+  EXPECT_EQ(1, applyEvents(mRecorder.eventNames()));
+  EXPECT_TRUE(client.waitForApply(1));
 }
 
 TEST_F(ServiceFrameTest, GenChdDataCallsTheListener) {

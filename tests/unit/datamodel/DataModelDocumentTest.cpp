@@ -9,8 +9,6 @@
 
 namespace {
 
-using Peer = ConfigurationManagementTestPeer;
-
 std::string lookup(const ConfigurationManagementService::StringMap& map, const std::string& key) {
   auto found = map.find(key);
   return found == map.end() ? std::string() : found->second;
@@ -31,7 +29,7 @@ class DataModelDocumentTest : public cmtest::ConfigurationTest {
     createService();
     ConfigurationManagementService& cm = service();
     datamodel::Variant variant{locale, wifi, {}};
-    for (const std::string& path : Peer::upnpKeys(cm)) {
+    for (const std::string& path : cm.dataModel().upnpKeys) {
       variant.paths.push_back(describe(cm, path));
     }
     return variant;
@@ -41,29 +39,31 @@ class DataModelDocumentTest : public cmtest::ConfigurationTest {
     datamodel::PathEntry entry;
     entry.path = path;
     const std::pair<const char*, const ConfigurationManagementService::StringMap*> kinds[] = {
-        {"queried status", &Peer::queryStatuses(cm)}, {"timer", &Peer::timers(cm)}, {"counter", &Peer::counters(cm)}};
-    if (Peer::fileSettings(cm).count(path) != 0) {
+        {"queried status", &cm.dataModel().upnpToQueryStatus},
+        {"timer", &cm.dataModel().upnpToTimerName},
+        {"counter", &cm.dataModel().upnpToCounterName}};
+    if (cm.dataModel().fileSettings.count(path) != 0) {
       entry.source = "file setting";
-    } else if (Peer::settings(cm).count(path) != 0) {
+    } else if (cm.dataModel().settings.count(path) != 0) {
       entry.source = "setting";
-    } else if (Peer::statuses(cm).count(path) != 0) {
+    } else if (cm.dataModel().statuses.count(path) != 0) {
       entry.source = "status";
     }
-    entry.key = lookup(Peer::upnpToStatusKey(cm), path);
+    entry.key = lookup(cm.dataModel().upnpToStatusKey, path);
     for (const auto& kind : kinds) {
       if (entry.source.empty() && kind.second->count(path) != 0) {
         entry.source = kind.first;
         entry.key = lookup(*kind.second, path);
       }
     }
-    const std::string reaches = lookup(Peer::statusKeyToUpnp(cm), entry.key);
+    const std::string reaches = lookup(cm.dataModel().statusKeyToUpnp, entry.key);
     if (!entry.key.empty() && entry.source != "queried status" && entry.source != "timer" &&
         entry.source != "counter" && reaches != path) {
       entry.keyReaches = reaches;
     }
     entry.settable = cm.isValidSettingPath(path) || cm.isValidFileSettingPath(path);
-    entry.upnpValues = listFor(Peer::upnpValues(cm), path);
-    entry.boxValues = listFor(Peer::statusValues(cm), entry.key);
+    entry.upnpValues = listFor(cm.dataModel().upnpValues, path);
+    entry.boxValues = listFor(cm.dataModel().statusValues, entry.key);
     return entry;
   }
 };
