@@ -13,7 +13,7 @@
 #include "zuna_upnp/Action.h"
 #include "zuna_upnp/Controller.h"
 
-TL_REGISTER_LOGGING(true, 5);
+TL_REGISTER_LOGGING(true, kLogInfo);
 
 namespace {
 
@@ -59,7 +59,7 @@ void addCheckedAction(zuna_upnp::LocalService* service, zuna_upnp::Action* actio
   std::unique_ptr<zuna_upnp::Action> owned(action);
   owned->setOutArgs(outArgs);
   if (!owned->checkTypes(signature)) {
-    TL_LOG(2, "invalid action types for action %s - discarding", owned->getName().c_str());
+    TL_LOG(kLogWarning, "invalid action types for action %s - discarding", owned->getName().c_str());
     return;
   }
   service->addAction(owned.release());
@@ -153,7 +153,7 @@ void BasicManagementService::registerWebProviders() {
   mServerSocket = std::make_unique<Tolvane::ServerSocket>();
   if (!mServerSocket->bind("0.0.0.0", kPrivateHttpPort)) {
     // The stack's own HTTP port still serves the logs.
-    TL_LOG(0, "Bind was not successful on port[%d]", kPrivateHttpPort);
+    TL_LOG(kLogError, "Bind was not successful on port[%d]", kPrivateHttpPort);
     return;
   }
   mServerSocket->listen(kPrivateHttpBacklog);
@@ -175,36 +175,40 @@ void BasicManagementService::registerWithStatusStore() {
 
 void BasicManagementService::setBasicManagementListener(BasicManagementListener* listener) {
   TL_TRACE();
-  std::unique_lock<std::mutex> lock(mListenerLock);
+  Tolvane::ScopedLock lock(mListenerLock);
   mBasicManagementListener = listener;
   // A request that started with the old listener finishes with it first; a thread that is itself
   // inside a refresh (a signal handler, say) cannot wait for itself.
   if (mRefreshesRunning > 0 && !tInsideRefresh) {
-    waitForRunningRefreshes(lock);
+    waitForRunningRefreshes();
   } else if (mRefreshesRunning > 0) {
     Tolvane::abortRunningCommands();
   }
 }
 
-void BasicManagementService::waitForRunningRefreshes(std::unique_lock<std::mutex>& lock) {
+void BasicManagementService::waitForRunningRefreshes() {
   // The old listener is about to be deleted, at shutdown in the daemon: a collection script that it is
   // running could keep the caller waiting for its whole time limit, so running scripts are killed (their
-  // files are then sent as they were left), again for one that started just after.
+  // files are then sent as they were left), again for one that started just after. Called with
+  // mListenerLock held; a refresh can only end inside the wait, which releases it.
   const auto deadline = std::chrono::steady_clock::now() + kListenerDetachBound;
   do {
     Tolvane::abortRunningCommands();
-    const auto retry = std::min(deadline, std::chrono::steady_clock::now() + kAbortRetryInterval);
-    if (mListenerIdle.wait_until(lock, retry, [this] { return mRefreshesRunning == 0; })) {
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    mListenerIdle.wait(mListenerLock, static_cast<unsigned>(std::max<std::int64_t>(
+                                          1, std::min<std::int64_t>(left.count(), kAbortRetryInterval.count()))));
+    if (mRefreshesRunning == 0) {
       return;
     }
   } while (std::chrono::steady_clock::now() < deadline);
-  TL_LOG(2, "Detached the log collection handler with [%d] refreshes still running", mRefreshesRunning);
+  TL_LOG(kLogWarning, "Detached the log collection handler with [%d] refreshes still running", mRefreshesRunning);
 }
 
 zuna_upnp::UPnPReturn BasicManagementService::GetDeviceStatus(std::string& DeviceStatus) {
   TL_TRACE();
   {
-    std::lock_guard<std::mutex> lock(mStringsLock);
+    Tolvane::ScopedLock lock(mStringsLock);
     if (mDeviceStatus != kDefaultDeviceStatus) {
       DeviceStatus = mDeviceStatus;
       return zuna_upnp::UPnPReturn();
@@ -212,7 +216,7 @@ zuna_upnp::UPnPReturn BasicManagementService::GetDeviceStatus(std::string& Devic
   }
   // Computed once: later restarts of the uptime timer do not change the answer.
   const std::string status = kStatusPrefix + formatUptimeStart();
-  std::lock_guard<std::mutex> lock(mStringsLock);
+  Tolvane::ScopedLock lock(mStringsLock);
   if (mDeviceStatus == kDefaultDeviceStatus) {
     mDeviceStatus = status;
   }
@@ -232,7 +236,7 @@ std::string BasicManagementService::formatUptimeStart() {
 zuna_upnp::UPnPReturn BasicManagementService::GetLogURIs(std::string& LogURIs) {
   TL_TRACE();
   {
-    std::lock_guard<std::mutex> lock(mStringsLock);
+    Tolvane::ScopedLock lock(mStringsLock);
     LogURIs = mLogURIs;
   }
   LogURIs += "," + mLogPath + kMessagesFile;
@@ -250,27 +254,27 @@ void BasicManagementService::updateSyslogURIs() {
   std::string uris;
   std::string text;
   if (!readWholeFile(kSyslogUrisFile, text)) {
-    TL_LOG(2, "logFile[%s] open failed", kSyslogUrisFile);
+    TL_LOG(kLogWarning, "logFile[%s] open failed", kSyslogUrisFile);
   } else {
     // Only a terminated first line counts: a single line without its line end gives nothing.
     const size_t end = text.find_first_of("\n\r\t");
     if (end != std::string::npos) {
       uris = text.substr(0, end);
     }
-    TL_LOG(6, "Read from /tmp/syslogUrisPath.txt is %s", uris.c_str());
+    TL_LOG(kLogDetail, "Read from /tmp/syslogUrisPath.txt is %s", uris.c_str());
   }
-  std::lock_guard<std::mutex> lock(mStringsLock);
+  Tolvane::ScopedLock lock(mStringsLock);
   mSyslogUris = uris;
 }
 
 void BasicManagementService::updateLogURIs() {
   TL_TRACE();
   const bool withEedid = platform()->supportsDumpingEEDID();
-  std::lock_guard<std::mutex> publish(mPublishLock);
+  Tolvane::ScopedLock publish(mPublishLock);
   std::string uris;
   bool changed = false;
   {
-    std::lock_guard<std::mutex> lock(mStringsLock);
+    Tolvane::ScopedLock lock(mStringsLock);
     // Empty parts stay, so the list may start with "," or hold ",,".
     uris = mSyslogUris + "," + mChdBlobUris;
     if (withEedid) {
@@ -285,10 +289,10 @@ void BasicManagementService::updateLogURIs() {
     // Only a new value is assigned: the stack marks a variable changed on every assignment, and an
     // unchanged list would otherwise ride along with the next event of another variable.
     setLogURIsVar(uris);
-    TL_LOG(6, "New LogURIs is [%s]", uris.c_str());
+    TL_LOG(kLogDetail, "New LogURIs is [%s]", uris.c_str());
     mVarsPublisher->publish(this);
   } else {
-    TL_LOG(6, "LogURIs [%s] have not changed", uris.c_str());
+    TL_LOG(kLogDetail, "LogURIs [%s] have not changed", uris.c_str());
   }
 }
 
@@ -299,19 +303,19 @@ void BasicManagementService::notifyStatusChanged(StatusMap statuses) {
   auto blobUris = statuses.find(kChdBlobUrisKey);
   if (blobUris != statuses.end()) {
     {
-      std::lock_guard<std::mutex> lock(mStringsLock);
+      Tolvane::ScopedLock lock(mStringsLock);
       mChdBlobUris = blobUris->second;
     }
-    TL_LOG(5, "CHD Blob URIs updated to [%s]", blobUris->second.c_str());
+    TL_LOG(kLogInfo, "CHD Blob URIs updated to [%s]", blobUris->second.c_str());
     updateLogURIs();
   }
   auto dumpPath = statuses.find(kEedidDumpFilePathKey);
   if (dumpPath != statuses.end()) {
     {
-      std::lock_guard<std::mutex> lock(mStringsLock);
+      Tolvane::ScopedLock lock(mStringsLock);
       mEedidDumpFilePath = dumpPath->second;
     }
-    TL_LOG(5, "EDID dump file path updated to [%s]", dumpPath->second.c_str());
+    TL_LOG(kLogInfo, "EDID dump file path updated to [%s]", dumpPath->second.c_str());
     updateLogURIs();
   }
 }
@@ -329,8 +333,8 @@ void BasicManagementService::notifyEventPosted(std::string name, std::string /*v
 
 void BasicManagementService::handleChdBlobUpdated() {
   TL_TRACE();
-  std::lock_guard<std::mutex> publish(mPublishLock);
-  TL_LOG(5, "Notifying server of CHD blob update");
+  Tolvane::ScopedLock publish(mPublishLock);
+  TL_LOG(kLogInfo, "Notifying server of CHD blob update");
   // A pulse: subscribers see true, then false.
   getVars().setValue(kChdBlobUpdatedVar, "true");
   mVarsPublisher->publish(this);
@@ -353,7 +357,8 @@ void BasicManagementService::handleRequest(zuna_http::WebSocket* socket, zuna_ht
       code = serveLogFile(path, socket);
     }
     if (code != 0) {
-      TL_LOG(0, "Error[%d]: File[%s] could not be sent to the server, sending 404 error response", code, path.c_str());
+      TL_LOG(kLogError, "Error[%d]: File[%s] could not be sent to the server, sending 404 error response", code,
+             path.c_str());
       sendResponse(false, socket, 0);
     }
   }
@@ -363,7 +368,7 @@ void BasicManagementService::handleRequest(zuna_http::WebSocket* socket, zuna_ht
 int BasicManagementService::refreshWithListener(const std::string& path) {
   BasicManagementListener* listener = nullptr;
   {
-    std::lock_guard<std::mutex> lock(mListenerLock);
+    Tolvane::ScopedLock lock(mListenerLock);
     listener = mBasicManagementListener;
     if (listener == nullptr) {
       return kLogDeliveryNoListener;
@@ -373,9 +378,9 @@ int BasicManagementService::refreshWithListener(const std::string& path) {
   tInsideRefresh = true;
   const int code = refreshBeforeSending(listener, path);
   tInsideRefresh = false;
-  std::lock_guard<std::mutex> lock(mListenerLock);
+  Tolvane::ScopedLock lock(mListenerLock);
   if (--mRefreshesRunning == 0) {
-    mListenerIdle.notify_all();
+    mListenerIdle.broadcast();
   }
   return code;
 }
@@ -398,7 +403,7 @@ int BasicManagementService::refreshBeforeSending(BasicManagementListener* listen
   };
   for (const Refresh& refresh : kRefreshes) {
     if (path == mLogPath + refresh.suffix && !(listener->*refresh.update)()) {
-      TL_LOG(0, "Handler for [%s] returned FALSE", path.c_str());
+      TL_LOG(kLogError, "Handler for [%s] returned FALSE", path.c_str());
       return refresh.failure;
     }
   }
@@ -411,12 +416,12 @@ int BasicManagementService::serveLogFile(const std::string& path, zuna_http::Web
   // The prefix alone would admit "..", sibling directories sharing the prefix and links pointing out;
   // the file must resolve to a regular file inside the log directory.
   if (!belowLogPath || path.find('\0') != std::string::npos || !file.openBeneath(mLogPath, path)) {
-    TL_LOG(0, "Requested path [%s] problem.", path.c_str());
+    TL_LOG(kLogError, "Requested path [%s] problem.", path.c_str());
     return kLogDeliveryPathProblem;
   }
   sendResponse(true, socket, file.getLength());
   if (sendLogs(&file, socket) == -1) {
-    TL_LOG(0, "Failed to send log file[%s] to the socket", path.c_str());
+    TL_LOG(kLogError, "Failed to send log file[%s] to the socket", path.c_str());
   }
   file.close();
   return 0;
@@ -442,7 +447,7 @@ int64_t BasicManagementService::sendLogs(Tolvane::File* file, zuna_http::WebSock
   TL_TRACE();
   const int64_t length = file->getLength();
   if (length < 0) {
-    TL_LOG(0, "Can not get file length");
+    TL_LOG(kLogError, "Can not get file length");
     return length;
   }
   if (platform()->hasLogChunking()) {
@@ -454,7 +459,7 @@ int64_t BasicManagementService::sendLogs(Tolvane::File* file, zuna_http::WebSock
 int64_t BasicManagementService::sendChunked(Tolvane::File* file, zuna_http::WebSocket* socket, int64_t length) {
   const std::unique_ptr<char[]> buffer(new (std::nothrow) char[kLogChunkSize]);
   if (!buffer) {
-    TL_LOG(2, "Can not allocate [%zu] bytes to send the log file", kLogChunkSize);
+    TL_LOG(kLogWarning, "Can not allocate [%zu] bytes to send the log file", kLogChunkSize);
     return -1;
   }
   // Never more than the head announced, even if the file grows while it is sent.
@@ -463,22 +468,22 @@ int64_t BasicManagementService::sendChunked(Tolvane::File* file, zuna_http::WebS
   while (remaining != 0) {
     const int64_t got = mChunkReader->read(file, buffer.get(), static_cast<size_t>(std::min(chunk, remaining)));
     if (got < 0) {
-      TL_LOG(2, "Read Error");
+      TL_LOG(kLogWarning, "Read Error");
       return got;
     }
     if (got == 0) {
       // The file shrank after its length was announced: the client gets a short body and a closed connection.
-      TL_LOG(2, "Read Error: log file ended [%lld] bytes early", static_cast<long long>(remaining));
+      TL_LOG(kLogWarning, "Read Error: log file ended [%lld] bytes early", static_cast<long long>(remaining));
       return -1;
     }
     const int64_t written = socket->write(buffer.get(), static_cast<size_t>(got));
     if (written < 0) {
-      TL_LOG(2, "Write Error");
+      TL_LOG(kLogWarning, "Write Error");
       return written;
     }
     if (written < got) {
       // The peer went away; the rest would go nowhere.
-      TL_LOG(2, "Write Error");
+      TL_LOG(kLogWarning, "Write Error");
       return -1;
     }
     remaining -= got;
@@ -492,14 +497,14 @@ int64_t BasicManagementService::sendWhole(Tolvane::File* file, zuna_http::WebSoc
   }
   const std::unique_ptr<char[]> buffer(new (std::nothrow) char[static_cast<size_t>(length)]);
   if (!buffer) {
-    TL_LOG(0, "Can not allocate [%lld] bytes to send the log file", static_cast<long long>(length));
+    TL_LOG(kLogError, "Can not allocate [%lld] bytes to send the log file", static_cast<long long>(length));
     return -1;
   }
   int64_t filled = 0;
   while (filled < length) {
     const int64_t got = mChunkReader->read(file, buffer.get() + filled, static_cast<size_t>(length - filled));
     if (got <= 0) {
-      TL_LOG(2, "Read Error");
+      TL_LOG(kLogWarning, "Read Error");
       return -1;
     }
     filled += got;

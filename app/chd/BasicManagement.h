@@ -2,16 +2,15 @@
 // the HTTP delivery of the box's log files.
 #pragma once
 
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "BasicManagementListener.h"
 #include "status/StatusManager.h"
 #include "tolvane/File.h"
+#include "tolvane/Mutex.h"
 #include "zuna_http/WebServer.h"
 #include "zuna_upnp/LocalDevice.h"
 #include "zuna_upnp/LocalService.h"
@@ -78,7 +77,7 @@ class BasicManagementService : public zuna_upnp::LocalService, public IStatusUpd
   void registerWebProviders();
   void registerWithStatusStore();
   bool isOwnServicePath(const std::string& path) const;
-  void waitForRunningRefreshes(std::unique_lock<std::mutex>& lock);
+  void waitForRunningRefreshes();
   int refreshWithListener(const std::string& path);
   int refreshBeforeSending(BasicManagementListener* listener, const std::string& path);
   int serveLogFile(const std::string& path, zuna_http::WebSocket* socket);
@@ -96,7 +95,7 @@ class BasicManagementService : public zuna_upnp::LocalService, public IStatusUpd
   ChangedVarsPublisher* const mVarsPublisher;
 
   // The strings below are written by status-store callbacks and read by actions on other threads.
-  mutable std::mutex mStringsLock;
+  mutable Tolvane::Mutex mStringsLock;
   std::string mLogURIs;
   std::string mSyslogUris;
   std::string mChdBlobUris;
@@ -104,13 +103,13 @@ class BasicManagementService : public zuna_upnp::LocalService, public IStatusUpd
   std::string mDeviceStatus;
 
   // Keeps each update and the events it sends in one piece when the constructor and a callback overlap.
-  std::mutex mPublishLock;
+  Tolvane::Mutex mPublishLock;
 
   std::unique_ptr<Tolvane::ServerSocket> mServerSocket;
 
   // Requests count themselves in while they use the listener, so that replacing it can wait for them.
-  std::mutex mListenerLock;
-  std::condition_variable mListenerIdle;
+  Tolvane::Mutex mListenerLock;
+  Tolvane::Condition mListenerIdle;
   BasicManagementListener* mBasicManagementListener = nullptr;
   int mRefreshesRunning = 0;
 };

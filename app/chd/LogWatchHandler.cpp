@@ -2,7 +2,7 @@
 
 #include "tolvane/Logging.h"
 
-TL_REGISTER_LOGGING(true, 5);
+TL_REGISTER_LOGGING(true, kLogInfo);
 
 namespace {
 const char* const kProcEntriesScript = "/etc/utils/procEntriesStatus.sh";
@@ -51,15 +51,15 @@ bool LogWatchHandler::updateWifiChipLogFile() {
 bool LogWatchHandler::runCollectionScript(const std::string& script) {
   const Tolvane::CommandResult result = mRunner->run(script, mScriptLimit);
   if (result.timedOut) {
-    TL_LOG(2, "Collection script [%s] ran longer than [%lld] ms and was killed", script.c_str(),
+    TL_LOG(kLogWarning, "Collection script [%s] ran longer than [%lld] ms and was killed", script.c_str(),
            static_cast<long long>(mScriptLimit.count()));
   } else if (result.aborted) {
-    TL_LOG(2, "Collection script [%s] was killed at shutdown", script.c_str());
+    TL_LOG(kLogWarning, "Collection script [%s] was killed at shutdown", script.c_str());
   }
   // A script that ran and failed (127 for a missing one included), overran or was killed still counts:
   // the file is sent as it was left.
   if (result.status < 0) {
-    TL_LOG(0, "Failed to run command [%s].  Sending Return Code[%d]", script.c_str(), result.status);
+    TL_LOG(kLogError, "Failed to run command [%s].  Sending Return Code[%d]", script.c_str(), result.status);
     return false;
   }
   return true;
