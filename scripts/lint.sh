@@ -13,10 +13,14 @@ case "$what" in
     ;;
   tidy)
     dir=${2:-$root/build}
+    out=$(mktemp)
     grep -E '^(app|host)/.*\.cpp$' <<<"$files" |
-      xargs -P "$(nproc)" -n 4 clang-tidy -p "$dir" --quiet 2>&1 | grep -vE '^[0-9]+ warnings? generated\.$'
-    # grep exits 1 when nothing is left to print; xargs' status is what counts.
-    [ "${PIPESTATUS[1]}" -eq 0 ]
+      xargs -P "$(nproc)" -n 4 clang-tidy -p "$dir" --quiet 2>&1 | grep -vE '^[0-9]+ warnings? generated\.$' | tee "$out"
+    status=${PIPESTATUS[1]}
+    # clang-tidy reports a .clang-tidy it cannot parse and goes on with defaults, exiting 0.
+    if grep -qE 'Error parsing|error: ' "$out"; then status=1; fi
+    rm -f "$out"
+    [ "$status" -eq 0 ]
     ;;
   *) echo "usage: $0 [format|tidy [build-dir]]" >&2; exit 2 ;;
 esac
