@@ -157,6 +157,7 @@ class Soak:
             "fds_before": self.fds_before,
             "fds_after": self.fds_after,
             "throughput_ratio": (last / first) if first else 0.0,
+            "last_window_operations": last,
         }
 
     def report(self):
