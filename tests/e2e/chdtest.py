@@ -133,6 +133,14 @@ class ChdEnv:
                 for k, v in self.settings.items():
                     f.write("%s=%s\n" % (k, v))
 
+    def use_machine_id(self, machine_id):
+        """Names a file holding machine_id in the platform settings: the box's UDN follows from it.
+        Called before write_config."""
+        path = os.path.join(self.tmp, "machine-id")
+        with open(path, "w") as f:
+            f.write(machine_id + "\n")
+        self.platform["machine_id_file"] = path
+
     def env(self):
         env = dict(os.environ)
         env["CHD_PLATFORM_CONFIG"] = self.platform_conf
@@ -222,19 +230,19 @@ class ChdEnv:
             self.dbus_daemon = None
 
     # -- logs --------------------------------------------------------------
-    def chd_log(self):
+    @staticmethod
+    def _read_log(path):
         try:
-            with open(self.chd_log_file, errors="replace") as f:
+            with open(path, errors="replace") as f:
                 return f.read()
         except FileNotFoundError:
             return ""
 
+    def chd_log(self):
+        return self._read_log(self.chd_log_file)
+
     def client_log(self):
-        try:
-            with open(self.client_log_file, errors="replace") as f:
-                return f.read()
-        except FileNotFoundError:
-            return ""
+        return self._read_log(self.client_log_file)
 
     def wait_log(self, text, timeout=10, start=0):
         iterate_until(lambda: text in self.chd_log()[start:], timeout, "log line %r" % text)
@@ -409,14 +417,35 @@ class Subscription:
     """Records the values each evented variable was notified with."""
 
     def __init__(self, proxy, variables):
+        # The subscription lives as long as the proxy object.
         self.proxy = proxy
         self.values = {v: [] for v in variables}
         for var in variables:
             proxy.add_notify(var, GObject.TYPE_STRING, self._on_notify)
         proxy.set_subscribed(True)
 
-    def _on_notify(self, _proxy, variable, value):
+    def _on_notify(self, _proxy, variable, value, *_):
         self.values[variable].append(value)
+
+    def wait_initial(self, variable, timeout=10):
+        """Waits for the first event, the one every new subscription gets.
+
+        Even with blocking iterations the GUPnP control point can still read
+        that NOTIFY before its SUBSCRIBE answer now and then, and drop it; one
+        more subscription (which must bring the current values again) tells
+        that apart from a device that sends none.
+        """
+        try:
+            return self.wait_count(variable, 1, timeout / 2)
+        except AssertionError:
+            self.proxy.set_subscribed(False)
+            self.proxy.set_subscribed(True)
+            return self.wait_count(variable, 1, timeout)
+
+    def wait_count(self, variable, count, timeout=10):
+        """All values notified for variable, once there are at least count."""
+        iterate_until(lambda: len(self.values[variable]) >= count, timeout, "%d events on %s" % (count, variable))
+        return self.values[variable]
 
     def wait(self, variable, predicate=lambda v: True, timeout=10, start=0):
         def found():

@@ -10,6 +10,12 @@ here: the re-run happens before the test imports GObject introspection.
 import os
 import sys
 
+SOURCE_DIR = os.environ.get("CHD_SOURCE_DIR", os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", ".."))
+# What a test puts in /etc/utils for the daemon to collect logs with: this tree's scripts.
+COLLECTION_SCRIPTS = os.path.join(SOURCE_DIR, "host", "scripts", "utils")
+# The daemon reads the syslog URIs it reports from this file.
+SYSLOG_URI_FILE = "/tmp/syslogUrisPath.txt"
+
 MARK = "CHD_E2E_PRIVATE_MOUNTS"
 
 SETUP = r"""

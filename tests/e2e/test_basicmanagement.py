@@ -11,23 +11,18 @@ visible, wherever they are), /etc/utils holding this tree's collection scripts.
 
 import hashlib
 import os
-import re
 import socket
 import subprocess
 import time
 import unittest
 
-SOURCE_DIR = os.environ.get("CHD_SOURCE_DIR", os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", ".."))
-SCRIPTS_DIR = os.path.join(SOURCE_DIR, "host", "scripts", "utils")
-
-from privatemounts import rerun_with_private_mounts  # noqa: E402
+from privatemounts import COLLECTION_SCRIPTS, SYSLOG_URI_FILE, rerun_with_private_mounts
 
 if __name__ == "__main__":
-    rerun_with_private_mounts(__file__, scripts_dir=SCRIPTS_DIR)
+    rerun_with_private_mounts(__file__, scripts_dir=COLLECTION_SCRIPTS)
 
-from chdtest import ChdEnv, ControlPoint, GLib, GObject, http_port_of, main  # noqa: E402
+from chdtest import ChdEnv, ControlPoint, Subscription, http_port_of, main  # noqa: E402
 
-URI_FILE = "/tmp/syslogUrisPath.txt"
 SYSLOG_URIS = "http://127.0.0.1/syslog/a.log,http://127.0.0.1/syslog/b.log"
 REFRESHED = ["procEntriesStatus.log", "processList.log", "fdStatus.log", "netstat.log"]
 SECRET = b"SECRET-BYTES-FROM-OUTSIDE-THE-LOG-DIRECTORY"
@@ -71,70 +66,6 @@ def raw_get(port, target, timeout=10):
     return answer
 
 
-def spin_until(predicate, timeout, what):
-    """Runs the main context, blocking between events, until predicate() holds or timeout passes.
-
-    A GUPnP control point drops a NOTIFY that it handles before the answer to
-    its SUBSCRIBE (it has no SID yet); on loopback both arrive within a
-    millisecond, so the context must dispatch each one as soon as it comes
-    rather than both together after a sleep.
-    """
-    context = GLib.MainContext.default()
-    deadline = time.monotonic() + timeout
-    while not predicate():
-        left = deadline - time.monotonic()
-        if left <= 0:
-            raise AssertionError("timed out after %.1f s waiting for %s" % (timeout, what))
-        timer = GLib.timeout_source_new(max(1, int(min(left, 0.1) * 1000)))
-        timer.set_callback(lambda *_: False)
-        timer.attach(context)
-        context.iteration(True)
-        timer.destroy()
-
-
-class Events:
-    """Values notified for evented variables of one service, through the GUPnP control point."""
-
-    def __init__(self, proxy, variables):
-        # The subscription lives as long as the proxy object.
-        self.proxy = proxy
-        self.values = {v: [] for v in variables}
-        for variable in variables:
-            proxy.add_notify(variable, GObject.TYPE_STRING, self._on_notify)
-        proxy.set_subscribed(True)
-
-    def _on_notify(self, _proxy, variable, value, *_):
-        self.values[variable].append(value)
-
-    def wait_initial(self, variable, timeout=10):
-        """Waits for the first event, the one every new subscription gets.
-
-        Even with blocking iterations the GUPnP control point can still read
-        that NOTIFY before its SUBSCRIBE answer now and then, and drop it; one
-        more subscription (which must bring the current values again) tells
-        that apart from a device that sends none.
-        """
-        try:
-            return self.wait_count(variable, 1, timeout / 2)
-        except AssertionError:
-            self.proxy.set_subscribed(False)
-            self.proxy.set_subscribed(True)
-            return self.wait_count(variable, 1, timeout)
-
-    def wait_count(self, variable, count, timeout=10):
-        spin_until(lambda: len(self.values[variable]) >= count, timeout, "%d events on %s" % (count, variable))
-        return self.values[variable]
-
-    @staticmethod
-    def settle(seconds):
-        """Keeps receiving for a while, to show that no further event comes."""
-        end = time.monotonic() + seconds
-        try:
-            spin_until(lambda: time.monotonic() >= end, seconds + 1, "the end of the quiet period")
-        except AssertionError:
-            pass
-
-
 def expected_head(length, server):
     return ["HTTP/1.1 200 OK", "Connection: close", 'Content-Type: text/plain; charset="utf-8"', "Server: " + server,
             "Cache-control: no-cache", "Content-Length: %d" % length]
@@ -142,7 +73,7 @@ def expected_head(length, server):
 
 class BasicManagementTest(unittest.TestCase):
     def setUp(self):
-        with open(URI_FILE, "w") as f:
+        with open(SYSLOG_URI_FILE, "w") as f:
             f.write(SYSLOG_URIS + "\n")
 
     def start(self, env):
@@ -178,7 +109,7 @@ class BasicManagementTest(unittest.TestCase):
             self.assertEqual(self.call("GetDeviceStatus", "DeviceStatus"), status)
 
     def test_uri_file_without_line_end_and_edid_dumping(self):
-        with open(URI_FILE, "w") as f:
+        with open(SYSLOG_URI_FILE, "w") as f:
             f.write(SYSLOG_URIS)
         with ChdEnv(platform={"dump_eedid": "true"}, client_app=False) as env:
             self.start(env)
@@ -190,7 +121,7 @@ class BasicManagementTest(unittest.TestCase):
     def test_events_for_uris_and_blob_updates(self):
         with ChdEnv(client_app=False) as env:
             self.start(env)
-            events = Events(self.cp.service(self.device, "BasicManagement"), ["LogURIs", "ChdBlobUpdated"])
+            events = self.cp.subscribe(self.device, "BasicManagement", ["LogURIs", "ChdBlobUpdated"])
             self.assertEqual(events.wait_initial("LogURIs"), [SYSLOG_URIS + ","])
             self.assertEqual(events.wait_count("ChdBlobUpdated", 1), ["false"])
 
@@ -198,10 +129,10 @@ class BasicManagementTest(unittest.TestCase):
             self.assertEqual(events.wait_count("LogURIs", 2)[1], SYSLOG_URIS + ",http://127.0.0.1/chd/blob.json")
             env.set_status("CHD Blob Uris", "http://127.0.0.1/chd/blob.json")
             env.wait_log("LogURIs [%s,http://127.0.0.1/chd/blob.json] have not changed" % SYSLOG_URIS)
-            Events.settle(2)
+            Subscription.settle(2)
             self.assertEqual(len(events.values["LogURIs"]), 2, events.values["LogURIs"])
 
-            with open(URI_FILE, "w") as f:
+            with open(SYSLOG_URI_FILE, "w") as f:
                 f.write("http://127.0.0.1/syslog/new.log\n")
             env.post_event("Syslog Uris Updated Event")
             self.assertEqual(events.wait_count("LogURIs", 3)[2],
@@ -209,7 +140,7 @@ class BasicManagementTest(unittest.TestCase):
 
             env.post_event("CHD Blob Updated Event")
             self.assertEqual(events.wait_count("ChdBlobUpdated", 3), ["false", "true", "false"])
-            Events.settle(1)
+            Subscription.settle(1)
             self.assertEqual(len(events.values["LogURIs"]), 3, "the pulse carries only the flag")
             self.assertEqual(len(events.values["ChdBlobUpdated"]), 3)
 

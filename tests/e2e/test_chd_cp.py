@@ -23,19 +23,15 @@ import threading
 import time
 import unittest
 
-SOURCE_DIR = os.environ.get("CHD_SOURCE_DIR", os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", ".."))
-SCRIPTS_DIR = os.path.join(SOURCE_DIR, "host", "scripts", "utils")
-
-from privatemounts import rerun_with_private_mounts  # noqa: E402
+from privatemounts import COLLECTION_SCRIPTS, SOURCE_DIR, SYSLOG_URI_FILE, rerun_with_private_mounts
 
 if __name__ == "__main__":
-    rerun_with_private_mounts(__file__, scripts_dir=SCRIPTS_DIR)
+    rerun_with_private_mounts(__file__, scripts_dir=COLLECTION_SCRIPTS)
 
 import jsonschema  # noqa: E402
 
 from chdtest import ChdEnv, binary, main  # noqa: E402
 
-URI_FILE = "/tmp/syslogUrisPath.txt"
 SYSLOG_URI = "http://192.0.2.1/syslog/box.log"
 SCHEMA_FILE = os.path.join(SOURCE_DIR, "docs", "chd-blob.schema.json")
 BIG_LOG_BYTES = 200 * 1024 * 1024
@@ -60,10 +56,7 @@ class SecondBoxEnv(ChdEnv):
     MACHINE_ID = "5ec0d0b0c5ec0d0b0c5ec0d0b0c5ec0d"
 
     def write_config(self):
-        machine_id = os.path.join(self.tmp, "machine-id")
-        with open(machine_id, "w") as f:
-            f.write(self.MACHINE_ID + "\n")
-        self.platform["machine_id_file"] = machine_id
+        self.use_machine_id(self.MACHINE_ID)
         super().write_config()
 
 
@@ -143,7 +136,7 @@ def one_error_line(test, stderr):
 
 class ChdCpTest(unittest.TestCase):
     def setUp(self):
-        with open(URI_FILE, "w") as f:
+        with open(SYSLOG_URI_FILE, "w") as f:
             f.write(SYSLOG_URI + "\n")
 
     def info(self, box="127.0.0.1", *extra):

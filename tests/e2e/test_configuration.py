@@ -15,7 +15,7 @@ import time
 import unittest
 import xml.etree.ElementTree as ElementTree
 
-from chdtest import ChdEnv, ControlPoint, GLib, UPnPError, iterate_until, main  # noqa: E402
+from chdtest import ChdEnv, ControlPoint, UPnPError, iterate_until, main  # noqa: E402
 
 CM = "ConfigurationManagement"
 INITIAL_UPDATE = "0,0001-01-01T00:00:00Z"
@@ -236,30 +236,6 @@ class SetValuesTest(ConfigurationTestCase):
             self.assertEqual("", env.get_status("HDTV.Video.Native"))
 
 
-def pump_until(predicate, timeout, what):
-    """Runs the default main context, blocking between events, until predicate() holds.
-
-    GUPnP's service proxy drops a NOTIFY that it reads before the answer to
-    its SUBSCRIBE (it does not know the SID yet). The device sends the initial
-    event right after that answer; a loop that sleeps between non-blocking
-    iterations finds both waiting and may take the NOTIFY first, which leaves
-    the subscription deaf. Blocking iterations take them in arrival order."""
-    context = GLib.MainContext.default()
-    deadline = time.monotonic() + timeout
-    while True:
-        result = predicate()
-        if result:
-            return result
-        left = deadline - time.monotonic()
-        if left <= 0:
-            raise AssertionError("timed out after %.1f s waiting for %s" % (timeout, what))
-        wake = GLib.timeout_source_new(max(1, int(min(left, 0.05) * 1000)))
-        wake.set_callback(lambda *_: False)
-        wake.attach(context)
-        context.iteration(True)
-        wake.destroy()
-
-
 class EventingTest(ConfigurationTestCase):
     def notified(self, subscription, start=0, predicate=lambda v: True):
         return [v for v in subscription.values["SupportedParametersUpdate"][start:] if predicate(v)]
@@ -275,11 +251,11 @@ class EventingTest(ConfigurationTestCase):
             env.set_status("ESN", "before-%d" % os.getpid())
             before = iterate_until(lambda: current() if current() != INITIAL_UPDATE else None, 5, "a first update")
             subscription = self.cp.subscribe(self.device, CM, ["SupportedParametersUpdate"])
-            pump_until(lambda: self.notified(subscription), 10, "the initial event")
+            iterate_until(lambda: self.notified(subscription), 10, "the initial event")
             start = len(subscription.values["SupportedParametersUpdate"])
             changed = time.monotonic()
             env.set_status("ESN", "after-%d" % os.getpid())
-            value = pump_until(lambda: self.notified(subscription, start, lambda v: v != before), 3.5,
+            value = iterate_until(lambda: self.notified(subscription, start, lambda v: v != before), 3.5,
                                "the evented change")[0]
             self.assertLess(time.monotonic() - changed, 3.5)
             self.assertTrue(re.fullmatch(r"\d+,\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d", value), value)

@@ -4,7 +4,6 @@ Boxes made from one image share their host name; what tells them apart is the
 machine id (or, without one, the first MAC address). Each box here gets its
 machine id from a file named by machine_id_file in its platform settings."""
 
-import os
 import subprocess
 import unittest
 
@@ -27,10 +26,7 @@ class BoxEnv(ChdEnv):
         self.machine_id = machine_id
 
     def write_config(self):
-        path = os.path.join(self.tmp, "machine-id")
-        with open(path, "w") as f:
-            f.write(self.machine_id + "\n")
-        self.platform["machine_id_file"] = path
+        self.use_machine_id(self.machine_id)
         super().write_config()
 
 

@@ -9,18 +9,11 @@
 #include <string>
 #include <vector>
 
-#include "ControlPoint.h"
-#include "TestDevice.h"
-#include "zuna_upnp_host/UpnpStack.h"
+#include "LoopbackStackTest.h"
 
 namespace {
 
 constexpr unsigned kCap = 32;  // the stack's default per service
-
-std::string baseOf(const std::string& location) {
-  const size_t slash = location.find('/', location.find("//") + 2);
-  return location.substr(0, slash);
-}
 
 // One GENA request with the given headers: (status, SID answered).
 std::pair<unsigned, std::string> gena(const char* method, const std::string& url,
@@ -60,38 +53,10 @@ std::string refusingCallback() {
   return "<http://127.0.0.1:" + std::to_string(port) + "/events>";
 }
 
-class SubscriptionLimitTest : public ::testing::Test {
+class SubscriptionLimitTest : public upnp_it::LoopbackStackTest {
  protected:
-  static void SetUpTestSuite() {
-    zuna_upnp::host::StackOptions options;
-    options.httpPort = 0;
-    controller = new zuna_upnp::host::HostController(options);
-    device = new upnp_it::IntegrationDevice();
-    ASSERT_TRUE(controller->addRootDevice(device));
-    ASSERT_TRUE(controller->init(nullptr, {"lo"}, {"RVUServer"}));
-    base = baseOf(controller->getDescriptionLocation("lo", device));
-    controlPoint = new upnp_it::ControlPoint("lo", upnp_it::kDeviceType);
-  }
-
-  static void TearDownTestSuite() {
-    delete controlPoint;
-    controller->shutdown();
-    delete controller;
-    delete device;
-  }
-
   static std::string eventUrl(zuna_upnp::LocalService* service) { return base + service->getEventURL(); }
-
-  static zuna_upnp::host::HostController* controller;
-  static upnp_it::IntegrationDevice* device;
-  static upnp_it::ControlPoint* controlPoint;
-  static std::string base;
 };
-
-zuna_upnp::host::HostController* SubscriptionLimitTest::controller = nullptr;
-upnp_it::IntegrationDevice* SubscriptionLimitTest::device = nullptr;
-upnp_it::ControlPoint* SubscriptionLimitTest::controlPoint = nullptr;
-std::string SubscriptionLimitTest::base;
 
 TEST_F(SubscriptionLimitTest, NewSubscriptionsPastTheCapAreRefusedRenewalsAreNot) {
   const std::string url = eventUrl(device->calculator);

@@ -9,12 +9,9 @@
 
 namespace upnp_it {
 
-class HoldService : public zuna_upnp::LocalService, public chdtest::HoldGate {
+class HoldService : public upnp_test::ExampleService, public chdtest::HoldGate {
  public:
-  HoldService(zuna_upnp::LocalDevice* device, zuna_upnp::RootDevice* root) : LocalService(device, root) {
-    setTypeID(zuna_upnp::TypeID("Holder", "schemas-example-org", 1, zuna_upnp::TypeID::SERVICE));
-    makeURLs();
-    makeServiceID();
+  HoldService(zuna_upnp::LocalDevice* device, zuna_upnp::RootDevice* root) : ExampleService(device, root, "Holder", 1) {
     addAction(new zuna_upnp::ActionT0<HoldService>("Hold", this, &HoldService::Hold));
     genSCPDXML();
   }

@@ -7,21 +7,13 @@
 #include <fstream>
 #include <thread>
 
-#include "ControlPoint.h"
+#include "LoopbackStackTest.h"
 #include "Providers.h"
-#include "TestDevice.h"
 #include "tolvane/File.h"
-#include "zuna_upnp_host/UpnpStack.h"
 
 namespace {
 
 using upnp_it::ActionResult;
-using upnp_it::ControlPoint;
-
-std::string baseOf(const std::string& location) {
-  const size_t slash = location.find('/', location.find("//") + 2);
-  return location.substr(0, slash);
-}
 
 // Scheduling policies of this process's threads that carry the name.
 std::vector<int> policiesOfThreads(const std::string& name) {
@@ -45,30 +37,19 @@ bool allBackground(const std::vector<int>& policies) {
   return !policies.empty();
 }
 
-class UpnpStackTest : public ::testing::Test {
+class UpnpStackTest : public upnp_it::LoopbackStackTest {
  protected:
   static void SetUpTestSuite() {
-    zuna_upnp::host::StackOptions options;
-    options.httpPort = 0;
-    controller = new zuna_upnp::host::HostController(options);
-    device = new upnp_it::IntegrationDevice();
     files = new upnp_it::FileProvider();
     slow = new upnp_it::BlockingProvider();
-    // Registered before init: kept and published when the stack starts.
-    ASSERT_TRUE(controller->addRootDevice(device));
-    ASSERT_TRUE(controller->registerWebProvider(files, "GET", "/files"));
-    ASSERT_TRUE(controller->registerWebProvider(slow, "GET", "/slow"));
-    ASSERT_TRUE(controller->init(nullptr, {"lo"}, {"RVUServer"}));
-    location = controller->getDescriptionLocation("lo", device);
-    base = baseOf(location);
-    controlPoint = new ControlPoint("lo", upnp_it::kDeviceType);
+    startStack([] {
+      ASSERT_TRUE(controller->registerWebProvider(files, "GET", "/files"));
+      ASSERT_TRUE(controller->registerWebProvider(slow, "GET", "/slow"));
+    });
   }
 
   static void TearDownTestSuite() {
-    delete controlPoint;
-    controller->shutdown();
-    delete controller;
-    delete device;
+    stopStack();
     delete files;
     delete slow;
   }
@@ -79,22 +60,9 @@ class UpnpStackTest : public ::testing::Test {
     return found == nullptr ? nullptr : controlPoint->service(found, type);
   }
 
-  static zuna_upnp::host::HostController* controller;
-  static upnp_it::IntegrationDevice* device;
-  static upnp_it::FileProvider* files;
-  static upnp_it::BlockingProvider* slow;
-  static ControlPoint* controlPoint;
-  static std::string location;
-  static std::string base;
+  inline static upnp_it::FileProvider* files = nullptr;
+  inline static upnp_it::BlockingProvider* slow = nullptr;
 };
-
-zuna_upnp::host::HostController* UpnpStackTest::controller = nullptr;
-upnp_it::IntegrationDevice* UpnpStackTest::device = nullptr;
-upnp_it::FileProvider* UpnpStackTest::files = nullptr;
-upnp_it::BlockingProvider* UpnpStackTest::slow = nullptr;
-ControlPoint* UpnpStackTest::controlPoint = nullptr;
-std::string UpnpStackTest::location;
-std::string UpnpStackTest::base;
 
 TEST_F(UpnpStackTest, ControlPointDiscoversTheDevice) {
   EXPECT_EQ(controller->getRunningInterfaces(), std::vector<std::string>{"lo"});

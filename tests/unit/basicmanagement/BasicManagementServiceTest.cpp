@@ -26,6 +26,13 @@ class BasicManagementServiceTest : public BasicManagementTest {
     return out;
   }
 
+  // The URI file rewritten, and the event the box posts after that.
+  void rewriteUriFile(const std::string& content) {
+    writeFile(kSyslogUrisFile, content);
+    store.postEvent("Syslog Uris Updated Event", "", 0);
+    flush();
+  }
+
   // Changes that carried the given variable.
   int eventsWith(const std::string& variable) {
     int count = 0;
@@ -82,14 +89,10 @@ TEST_F(BasicManagementServiceTest, UriFileFirstLineEndsAtCarriageReturnOrTab) {
   start();
   EXPECT_EQ("http://a/1.log,", logURIsVar());
 
-  writeFile(kSyslogUrisFile, "http://a/1.log\tcomment\n");
-  store.postEvent("Syslog Uris Updated Event", "", 0);
-  flush();
+  rewriteUriFile("http://a/1.log\tcomment\n");
   EXPECT_EQ("http://a/1.log,", logURIsVar());
 
-  writeFile(kSyslogUrisFile, "first\nsecond\n");
-  store.postEvent("Syslog Uris Updated Event", "", 0);
-  flush();
+  rewriteUriFile("first\nsecond\n");
   EXPECT_EQ("first,", logURIsVar());
 }
 

@@ -203,6 +203,12 @@ TEST_F(EventThreadTest, SendFromTheThreadItselfRunsTheAgentDirectly) {
 
 class BlockingReceiver {
  public:
+  // Posts the blocking agent to thread; true once it runs there and holds it.
+  bool occupy(EventThread& thread) {
+    thread.post(SmartPtr<EventAgent>(new AsyncEventAgent(this, &BlockingReceiver::block)));
+    return started.waitOpen();
+  }
+
   void block() {
     started.open();
     release.waitOpen();
@@ -217,8 +223,7 @@ TEST_F(EventThreadTest, RemoveAgentsByReceiverDropsOnlyThatReceiversAgents) {
   EventThread thread("remove", 0);
   // Holds the thread so that nothing queued below can run before the removal.
   BlockingReceiver blocker;
-  thread.post(SmartPtr<EventAgent>(new AsyncEventAgent(&blocker, &BlockingReceiver::block)));
-  ASSERT_TRUE(blocker.started.waitOpen());
+  ASSERT_TRUE(blocker.occupy(thread));
   Recorder kept;
   Recorder removed;
   thread.postDelayed(addAgent(&removed, 1), 10);
@@ -236,8 +241,7 @@ TEST_F(EventThreadTest, RemoveAgentsByReceiverDropsOnlyThatReceiversAgents) {
 TEST_F(EventThreadTest, RemoveAgentsByReceiverFromAnotherThreadWaitsForTheRunningAgent) {
   EventThread thread("waitremove", 0);
   BlockingReceiver receiver;
-  thread.post(SmartPtr<EventAgent>(new AsyncEventAgent(&receiver, &BlockingReceiver::block)));
-  ASSERT_TRUE(receiver.started.waitOpen());
+  ASSERT_TRUE(receiver.occupy(thread));
   std::atomic<bool> removed{false};
   std::thread remover([&] {
     thread.removeAgentsByReceiver(&receiver);
@@ -254,8 +258,7 @@ TEST_F(EventThreadTest, RemoveAgentsByReceiverFromAnotherThreadWaitsForTheRunnin
 TEST_F(EventThreadTest, RemoveAgentsByReceiverOfAnotherReceiverDoesNotWait) {
   EventThread thread("nowait", 0);
   BlockingReceiver receiver;
-  thread.post(SmartPtr<EventAgent>(new AsyncEventAgent(&receiver, &BlockingReceiver::block)));
-  ASSERT_TRUE(receiver.started.waitOpen());
+  ASSERT_TRUE(receiver.occupy(thread));
   Recorder other;
   thread.removeAgentsByReceiver(&other);
   thread.removeAgentsByReceiver(nullptr);
@@ -290,8 +293,7 @@ TEST_F(EventThreadTest, RemoveAgentsByReceiverFromInsideItsOwnAgentDoesNotDeadlo
 TEST_F(EventThreadTest, SendOfAnAgentThatIsCancelledWhileQueuedReturnsWithoutRunning) {
   EventThread thread("sendcancel", 0);
   BlockingReceiver blocker;
-  thread.post(SmartPtr<EventAgent>(new AsyncEventAgent(&blocker, &BlockingReceiver::block)));
-  ASSERT_TRUE(blocker.started.waitOpen());
+  ASSERT_TRUE(blocker.occupy(thread));
   Recorder recorder;
   SmartPtr<EventAgent> agent = addAgent(&recorder, 5);
   Gate returned;

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -25,25 +26,51 @@ using ::testing::Contains;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
+// Every value as read back, under the name of the key that sets it.
+using ReadBack = std::map<std::string, std::string>;
+
+std::string text(bool value) { return value ? "true" : "false"; }
+
+ReadBack readBack(HostPlatformSettings& settings) {
+  return {{"chd_support", text(settings.hasChdSupport())},
+          {"model", settings.getModel()},
+          {"manufacturer", settings.getManufacturer()},
+          {"manufacturer_id", settings.getManufacturerId()},
+          {"locale", std::to_string(settings.getLocale())},
+          {"wifi", text(settings.hasWifi())},
+          {"log_chunking", text(settings.hasLogChunking())},
+          {"dump_eedid", text(settings.supportsDumpingEEDID())},
+          {"echo_support", text(settings.hasAmazonEchoSupport())},
+          {"log_path", settings.getLogPath()},
+          {"autoip_interface", settings.getAutoIPInterface()},
+          {"ethernet_interface", settings.getEthernetInterface()},
+          {"upnp_port", std::to_string(settings.getUpnpPort())},
+          {"bus", settings.getStatusStoreBus()},
+          {"file", settings.getSettingsFile()}};
+}
+
 TEST(PlatformSettingsTest, MissingFileGivesEveryDefault) {
   TempDir dir;
   setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent", 1);
   HostPlatformSettings settings(dir.path() + "/absent.conf");
-  EXPECT_TRUE(settings.hasChdSupport());
-  EXPECT_EQ(settings.getModel(), "HOST");
-  EXPECT_EQ(settings.getManufacturer(), "Generic");
-  EXPECT_EQ(settings.getManufacturerId(), "0000");
-  EXPECT_EQ(settings.getLocale(), 0);
-  EXPECT_FALSE(settings.hasWifi());
-  EXPECT_TRUE(settings.hasLogChunking());
-  EXPECT_FALSE(settings.supportsDumpingEEDID());
-  EXPECT_FALSE(settings.hasAmazonEchoSupport());
-  EXPECT_EQ(settings.getLogPath(), "/var/log/chd");
-  EXPECT_EQ(settings.getAutoIPInterface(), "");
-  EXPECT_TRUE(isInterface(settings.getEthernetInterface())) << settings.getEthernetInterface();
-  EXPECT_EQ(settings.getUpnpPort(), 0);
-  EXPECT_EQ(settings.getStatusStoreBus(), "session");
-  EXPECT_EQ(settings.getSettingsFile(), "/var/lib/chd/settings.conf");
+  ReadBack read = readBack(settings);
+  // The default Ethernet interface is whichever this machine has.
+  EXPECT_TRUE(isInterface(read["ethernet_interface"])) << read["ethernet_interface"];
+  read.erase("ethernet_interface");
+  EXPECT_EQ(read, (ReadBack{{"chd_support", "true"},
+                            {"model", "HOST"},
+                            {"manufacturer", "Generic"},
+                            {"manufacturer_id", "0000"},
+                            {"locale", "0"},
+                            {"wifi", "false"},
+                            {"log_chunking", "true"},
+                            {"dump_eedid", "false"},
+                            {"echo_support", "false"},
+                            {"log_path", "/var/log/chd"},
+                            {"autoip_interface", ""},
+                            {"upnp_port", "0"},
+                            {"bus", "session"},
+                            {"file", "/var/lib/chd/settings.conf"}}));
   unsetenv("DBUS_SESSION_BUS_ADDRESS");
   EXPECT_EQ(HostPlatformSettings(dir.path() + "/absent.conf").getStatusStoreBus(), "none");
 }
@@ -72,22 +99,22 @@ TEST(PlatformSettingsTest, EveryKeyIsRead) {
                                          "[settings]\n"
                                          "file=/tmp/settings.conf\n");
   HostPlatformSettings settings(conf);
-  EXPECT_FALSE(settings.hasChdSupport());
-  EXPECT_EQ(settings.getModel(), "K47");
-  EXPECT_EQ(settings.getManufacturer(), "Acme Boxes");
-  EXPECT_EQ(settings.getManufacturerId(), "1234");
-  EXPECT_EQ(settings.getLocale(), 2);
-  EXPECT_TRUE(settings.hasWifi());
-  EXPECT_FALSE(settings.hasLogChunking());
-  EXPECT_TRUE(settings.supportsDumpingEEDID());
-  EXPECT_TRUE(settings.hasAmazonEchoSupport());
-  EXPECT_EQ(settings.getLogPath(), dir.path() + "/new/logs");
+  EXPECT_EQ(readBack(settings), (ReadBack{{"chd_support", "false"},
+                                          {"model", "K47"},
+                                          {"manufacturer", "Acme Boxes"},
+                                          {"manufacturer_id", "1234"},
+                                          {"locale", "2"},
+                                          {"wifi", "true"},
+                                          {"log_chunking", "false"},
+                                          {"dump_eedid", "true"},
+                                          {"echo_support", "true"},
+                                          {"log_path", dir.path() + "/new/logs"},
+                                          {"autoip_interface", "veth-auto"},
+                                          {"ethernet_interface", "veth-eth"},
+                                          {"upnp_port", "49152"},
+                                          {"bus", "unix:path=/tmp/bus"},
+                                          {"file", "/tmp/settings.conf"}}));
   EXPECT_TRUE(std::filesystem::is_directory(dir.path() + "/new/logs"));
-  EXPECT_EQ(settings.getAutoIPInterface(), "veth-auto");
-  EXPECT_EQ(settings.getEthernetInterface(), "veth-eth");
-  EXPECT_EQ(settings.getUpnpPort(), 49152);
-  EXPECT_EQ(settings.getStatusStoreBus(), "unix:path=/tmp/bus");
-  EXPECT_EQ(settings.getSettingsFile(), "/tmp/settings.conf");
   EXPECT_EQ(settings.getConfigPath(), conf);
 }
 

@@ -1,4 +1,5 @@
 // The store's timers on the framework clock, driven by a ManualClock.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <ctime>
@@ -8,6 +9,26 @@
 
 namespace statusstore::test {
 namespace {
+
+using ::testing::AllOf;
+using ::testing::Ge;
+using ::testing::Le;
+
+// The wall-clock seconds around an action: a timer that it starts carries a
+// start time in between.
+struct WallClockSpan {
+  time_t before;
+  time_t after;
+};
+
+template <typename Action>
+WallClockSpan wallClockAround(Action action) {
+  const time_t before = time(nullptr);
+  action();
+  return {before, time(nullptr)};
+}
+
+::testing::Matcher<time_t> within(const WallClockSpan& span) { return AllOf(Ge(span.before), Le(span.after)); }
 
 class StoreTimersTest : public ::testing::Test {
  protected:
@@ -19,9 +40,7 @@ class StoreTimersTest : public ::testing::Test {
 };
 
 TEST_F(StoreTimersTest, StartedTimerFollowsTheFrameworkClock) {
-  time_t before = time(nullptr);
-  store.startTimer("Uptime Timer");
-  time_t after = time(nullptr);
+  const WallClockSpan started = wallClockAround([this] { store.startTimer("Uptime Timer"); });
   EXPECT_EQ(store.getTimerElapsed("Uptime Timer"), 0U);
   clock.advance(999);
   EXPECT_EQ(store.getTimerElapsed("Uptime Timer"), 0U);
@@ -29,8 +48,7 @@ TEST_F(StoreTimersTest, StartedTimerFollowsTheFrameworkClock) {
   EXPECT_EQ(store.getTimerElapsed("Uptime Timer"), 1U);
   clock.advance(43200 * 1000);
   EXPECT_EQ(store.getTimerElapsed("Uptime Timer"), 43201U);
-  EXPECT_GE(store.getTimerStartTime("Uptime Timer"), before);
-  EXPECT_LE(store.getTimerStartTime("Uptime Timer"), after);
+  EXPECT_THAT(store.getTimerStartTime("Uptime Timer"), within(started));
 }
 
 TEST_F(StoreTimersTest, PauseHaltsAndResumeContinues) {
@@ -57,13 +75,10 @@ TEST_F(StoreTimersTest, StopClearsAndStartRestartsFromZero) {
 }
 
 TEST_F(StoreTimersTest, ResumeStartsATimerThatNeverRan) {
-  time_t before = time(nullptr);
-  store.resumeTimer("Connected Timer");
-  time_t after = time(nullptr);
+  const WallClockSpan resumed = wallClockAround([this] { store.resumeTimer("Connected Timer"); });
   clock.advance(4000);
   EXPECT_EQ(store.getTimerElapsed("Connected Timer"), 4U);
-  EXPECT_GE(store.getTimerStartTime("Connected Timer"), before);
-  EXPECT_LE(store.getTimerStartTime("Connected Timer"), after);
+  EXPECT_THAT(store.getTimerStartTime("Connected Timer"), within(resumed));
 }
 
 TEST_F(StoreTimersTest, UnknownTimerReadsZero) {

@@ -10,12 +10,10 @@ using upnp_test::XmlQuery;
 constexpr char kDeviceNs[] = "urn:schemas-upnp-org:device-1-0";
 constexpr char kServiceNs[] = "urn:schemas-upnp-org:service-1-0";
 
-class SecondService : public zuna_upnp::LocalService {
+class SecondService : public upnp_test::ExampleService {
  public:
-  SecondService(zuna_upnp::LocalDevice* device, zuna_upnp::RootDevice* root) : LocalService(device, root) {
-    setTypeID(zuna_upnp::TypeID("Second", "schemas-example-org", 1, zuna_upnp::TypeID::SERVICE));
-    makeURLs();
-    makeServiceID();
+  SecondService(zuna_upnp::LocalDevice* device, zuna_upnp::RootDevice* root)
+      : ExampleService(device, root, "Second", 1) {
     genSCPDXML();
   }
 };

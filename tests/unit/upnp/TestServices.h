@@ -9,12 +9,22 @@
 
 namespace upnp_test {
 
-class CalculatorService : public zuna_upnp::LocalService {
- public:
-  CalculatorService(zuna_upnp::LocalDevice* device, zuna_upnp::RootDevice* root) : LocalService(device, root) {
-    setTypeID(zuna_upnp::TypeID("Calculator", "schemas-example-org", 2, zuna_upnp::TypeID::SERVICE));
+// A service of the example.org domain with its type, URLs and id in place; the
+// subclass adds its variables and actions, then generates its SCPD.
+class ExampleService : public zuna_upnp::LocalService {
+ protected:
+  ExampleService(zuna_upnp::LocalDevice* device, zuna_upnp::RootDevice* root, const std::string& type, int version)
+      : LocalService(device, root) {
+    setTypeID(zuna_upnp::TypeID(type, "schemas-example-org", version, zuna_upnp::TypeID::SERVICE));
     makeURLs();
     makeServiceID();
+  }
+};
+
+class CalculatorService : public ExampleService {
+ public:
+  CalculatorService(zuna_upnp::LocalDevice* device, zuna_upnp::RootDevice* root)
+      : ExampleService(device, root, "Calculator", 2) {
     getVars().add(zuna_upnp::Var("A_ARG_TYPE_Text", "string", "", false));
     getVars().add(zuna_upnp::Var("A_ARG_TYPE_Number", "ui4", "0", false));
     getVars().add(zuna_upnp::Var("Total", "ui4", "7", true));
