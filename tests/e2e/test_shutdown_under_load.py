@@ -8,7 +8,7 @@ import signal
 import time
 import unittest
 
-from chdtest import BM_TYPE, CM_TYPE, ChdEnv, main
+from chdtest import CM_TYPE, ChdEnv, main
 from wireload import Box, Workers, platform_with_port
 
 ROUNDS = int(os.environ.get("CHD_SIGTERM_ROUNDS", "3"))

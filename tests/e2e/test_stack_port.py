@@ -4,7 +4,6 @@ UDP search socket, which any client connection may hold for TCP: the stack
 then never came up on that interface. The test narrows this namespace's
 ephemeral range to ten ports and holds eight of them for TCP."""
 
-import os
 import socket
 import unittest
 import urllib.parse

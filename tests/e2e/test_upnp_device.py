@@ -4,13 +4,11 @@ raw SOAP requests with curl, path escapes, and the goodbye on SIGTERM."""
 
 import http.server
 import signal
-import subprocess
 import threading
-import time
 import unittest
 import xml.etree.ElementTree as ElementTree
 
-from chdtest import BM_TYPE, CM_TYPE, DEVICE_TYPE, ChdEnv, GLib, GSSDP, curl, iterate_until, main
+from chdtest import BM_TYPE, CM_TYPE, DEVICE_TYPE, ChdEnv, GSSDP, curl, iterate_until, main
 
 DEVICE_NS = {"d": "urn:schemas-upnp-org:device-1-0"}
 SERVICE_NS = {"s": "urn:schemas-upnp-org:service-1-0"}

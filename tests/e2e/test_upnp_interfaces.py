@@ -6,7 +6,7 @@ import os
 import subprocess
 import unittest
 
-from chdtest import DEVICE_TYPE, ChdEnv, curl, iterate_until, main
+from chdtest import DEVICE_TYPE, ChdEnv, curl, main
 from test_upnp_device import Browser
 
 ETHERNET = ("chdeth0", "10.61.0.1", 24)
