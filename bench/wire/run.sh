@@ -73,6 +73,10 @@ wire() { /usr/bin/python3 "$here/wire.py" "$@"; }
 trap stop_all_jobs EXIT
 ip link set lo up
 ip route add 224.0.0.0/4 dev lo
+# A control point opens a connection per action and closes it itself: its
+# ports wait in TIME_WAIT, and a few rounds would use up the default range.
+echo "1024 65535" >/proc/sys/net/ipv4/ip_local_port_range
+echo 1 >/proc/sys/net/ipv4/tcp_tw_reuse
 
 describe_run() {
   {
@@ -131,7 +135,7 @@ cp_load() {  # desc service_type action connections [NAME=VALUE...]: one WIRE_RE
   local desc=$1 type=$2 action=$3 c=$4
   shift 4
   on_load_cpu timeout $((dur + 40)) /usr/bin/python3 "$here/wire.py" cploop "$desc" "$type" "$action" "$dur" "$c" \
-    "$@" 2>&1 | grep '^WIRE_RESULT' || true
+    "$@" 2>>"$work/cploop.log" | grep '^WIRE_RESULT' || tail -n 3 "$work/cploop.log" >&2
 }
 
 measure() {  # tsv label pids connections round -- load command...: one row of the tsv
