@@ -252,11 +252,23 @@ def gupnp():
     return GLib, GObject, GSSDP, GUPnP
 
 
+def new_context(glib, ssdp, upnp, attempts=8):
+    """GUPnP listens on the TCP port of the number GSSDP drew for its UDP
+    socket; after a load, a connection of this namespace may hold it."""
+    for attempt in range(attempts):
+        try:
+            return upnp.Context.new_full("lo", None, 0, ssdp.UDAVersion.VERSION_1_0)
+        except glib.Error:
+            if attempt == attempts - 1:
+                raise
+    return None
+
+
 def find_service_proxy(glib, ssdp, upnp, desc_url, service_type, timeout=15.0):
     """The proxy of that service on the device described at desc_url: the
     control point discovers it as a server box does, then reuses the same
     session (and its kept-alive connections) for every call."""
-    context = upnp.Context.new_full("lo", None, 0, ssdp.UDAVersion.VERSION_1_0)
+    context = new_context(glib, ssdp, upnp)
     control_point = upnp.ControlPoint.new(context, service_type)
     wanted = urllib.parse.urlparse(desc_url).netloc
     found = []
