@@ -37,6 +37,35 @@ int LogRecorder::countAnyLevel(const std::string& text) const {
   return countWhere([&](int /*level*/, const std::string& message) { return message.find(text) != std::string::npos; });
 }
 
+int LogRecorder::exactAnyLevel(const std::string& text) const {
+  return countWhere([&](int /*level*/, const std::string& message) { return message == text; });
+}
+
+int LogRecorder::countStartingWith(const std::string& prefix) const {
+  return countWhere(
+      [&](int /*level*/, const std::string& message) { return message.compare(0, prefix.size(), prefix) == 0; });
+}
+
+int LogRecorder::firstExactLocked(const std::string& text) const {
+  for (size_t i = 0; i < mLines.size(); ++i) {
+    if (mLines[i].second == text) {
+      return static_cast<int>(i);
+    }
+  }
+  return -1;
+}
+
+int LogRecorder::levelOfFirst(const std::string& text) const {
+  const std::lock_guard<std::mutex> lock(mMutex);
+  const int index = firstExactLocked(text);
+  return index < 0 ? -1 : mLines[static_cast<size_t>(index)].first;
+}
+
+int LogRecorder::indexOfFirst(const std::string& text) const {
+  const std::lock_guard<std::mutex> lock(mMutex);
+  return firstExactLocked(text);
+}
+
 std::vector<std::string> LogRecorder::messages(int maxLevel) const {
   const std::lock_guard<std::mutex> lock(mMutex);
   std::vector<std::string> found;

@@ -7,8 +7,6 @@
 #include <future>
 #include <sstream>
 
-#include "tolvane/Logging.h"
-
 namespace cmtest {
 
 std::string readFile(const std::string& path) {
@@ -21,58 +19,6 @@ std::string readFile(const std::string& path) {
 void writeFile(const std::string& path, const std::string& text) {
   std::ofstream out(path, std::ios::trunc);
   out << text;
-}
-
-LogCapture::LogCapture() {
-  mId = logging_add_observer([this](int level, const std::string& /*file*/, const std::string& message) {
-    const std::lock_guard<std::mutex> guard(mMutex);
-    mLines.emplace_back(level, message);
-  });
-}
-
-LogCapture::~LogCapture() { logging_remove_observer(mId); }
-
-int LogCapture::count(const std::string& message) const {
-  const std::lock_guard<std::mutex> guard(mMutex);
-  int found = 0;
-  for (const auto& line : mLines) {
-    found += (line.second == message) ? 1 : 0;
-  }
-  return found;
-}
-
-int LogCapture::countStartingWith(const std::string& prefix) const {
-  const std::lock_guard<std::mutex> guard(mMutex);
-  int found = 0;
-  for (const auto& line : mLines) {
-    found += (line.second.compare(0, prefix.size(), prefix) == 0) ? 1 : 0;
-  }
-  return found;
-}
-
-int LogCapture::levelOf(const std::string& message) const {
-  const std::lock_guard<std::mutex> guard(mMutex);
-  for (const auto& line : mLines) {
-    if (line.second == message) {
-      return line.first;
-    }
-  }
-  return -1;
-}
-
-int LogCapture::indexOf(const std::string& message) const {
-  const std::lock_guard<std::mutex> guard(mMutex);
-  for (size_t i = 0; i < mLines.size(); ++i) {
-    if (mLines[i].second == message) {
-      return static_cast<int>(i);
-    }
-  }
-  return -1;
-}
-
-void LogCapture::clear() {
-  const std::lock_guard<std::mutex> guard(mMutex);
-  mLines.clear();
 }
 
 void StoreRecorder::onStatusesChanged(const StatusMap& statuses) {
@@ -180,7 +126,7 @@ void ConfigurationTest::SetUp() {
   mStore = std::make_unique<statusstore::LocalStatusManager>();
   statusstore::setInstanceForTest(mStore.get());
   mStore->addObserver(&mRecorder);
-  mLog = std::make_unique<LogCapture>();
+  mLog = std::make_unique<chdtest::LogRecorder>();
   mDevice = std::make_unique<zuna_upnp::RootDevice>();
   createService();
 }
@@ -275,6 +221,18 @@ std::string ConfigurationTest::valueOf(const std::string& path) {
   TiXmlElement* value =
       document.FirstChildElement("ParameterValueList")->FirstChildElement("Parameter")->FirstChildElement("Value");
   return value->GetText() != nullptr ? value->GetText() : "";
+}
+
+void ConfigurationTest::expectInvalidXml(const ActionResult& r, const std::string& reason) {
+  expectFailure(r, 702, "Invalid XML Argument");
+  EXPECT_EQ(0, mLog->levelOfFirst(reason));
+}
+
+void expectFailure(const ActionResult& r, int code, const std::string& description) {
+  EXPECT_EQ(1, r.result.kind);
+  EXPECT_EQ(code, r.result.code);
+  EXPECT_EQ(description, r.result.description);
+  EXPECT_EQ("untouched", r.out);
 }
 
 std::string contentPathList(const std::vector<std::string>& paths) {

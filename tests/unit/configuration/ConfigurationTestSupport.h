@@ -16,6 +16,7 @@
 
 #include "../framework/TempDir.h"
 #include "ConfigurationManagement.h"
+#include "LogRecorder.h"
 #include "status/StatusManager.h"
 #include "statusstore_host/LocalStatusManager.h"
 #include "tolvane/EventThread.h"
@@ -43,29 +44,6 @@ using framework_test::TempDir;
 
 std::string readFile(const std::string& path);
 void writeFile(const std::string& path, const std::string& text);
-
-// Every log line of the process while it lives.
-class LogCapture {
- public:
-  LogCapture();
-  ~LogCapture();
-  LogCapture(const LogCapture&) = delete;
-  LogCapture& operator=(const LogCapture&) = delete;
-
-  int count(const std::string& message) const;
-  int countStartingWith(const std::string& prefix) const;
-  bool contains(const std::string& message) const { return count(message) > 0; }
-  // Level of the first line with exactly this text, -1 when there is none.
-  int levelOf(const std::string& message) const;
-  // Index of the first line with exactly this text, -1 when there is none.
-  int indexOf(const std::string& message) const;
-  void clear();
-
- private:
-  int mId;
-  mutable std::mutex mMutex;
-  std::vector<std::pair<int, std::string>> mLines;
-};
 
 // Records what reaches the store, in the store's order.
 class StoreRecorder : public statusstore::StoreObserver {
@@ -119,6 +97,9 @@ struct ActionResult {
   std::string out;
 };
 
+// A failure answer that left an out argument passed in as "untouched" alone.
+void expectFailure(const ActionResult& r, int code, const std::string& description);
+
 class ConfigurationTest : public ::testing::Test {
  protected:
   void SetUp() override;
@@ -144,6 +125,8 @@ class ConfigurationTest : public ::testing::Test {
   std::vector<std::string> supportedParameters(const std::string& node, unsigned depth);
   // The value of one path through GetValues ("<703>" when it is unknown).
   std::string valueOf(const std::string& path);
+  // A 702 "Invalid XML Argument" failure (see expectFailure) whose reason was logged as an error.
+  void expectInvalidXml(const ActionResult& r, const std::string& reason);
 
   std::unique_ptr<TempDir> mDir;
   std::string mSettingsFile;
@@ -151,7 +134,7 @@ class ConfigurationTest : public ::testing::Test {
   std::unique_ptr<Tolvane::host::ManualClock> mClock;
   std::unique_ptr<statusstore::LocalStatusManager> mStore;
   StoreRecorder mRecorder;
-  std::unique_ptr<LogCapture> mLog;
+  std::unique_ptr<chdtest::LogRecorder> mLog;
   std::unique_ptr<zuna_upnp::RootDevice> mDevice;
   ConfigurationManagementService* mService = nullptr;
 };

@@ -77,11 +77,11 @@ TEST_F(DataModelTablesTest, LoadingMessagesComeInTableOrder) {
                                "Loading QUERY_COUNTER_REFERENCE",  "Calculating max depth"};
   int last = -1;
   for (const char* message : order) {
-    int index = mLog->indexOf(message);
+    int index = mLog->indexOfFirst(message);
     EXPECT_GT(index, last) << message;
     last = index;
   }
-  EXPECT_FALSE(mLog->contains("Loading CAPTIONING_SETTINGS_REFERENCE"));
+  EXPECT_FALSE(mLog->hasExact("Loading CAPTIONING_SETTINGS_REFERENCE"));
 }
 
 TEST_F(DataModelTablesTest, SettingPathChecksAreExact) {
@@ -150,13 +150,13 @@ TEST_F(DataModelTablesTest, SubtitlesListsOfDifferentLengthAlwaysGiveEmpty) {
   rebuild(2, false);
   EXPECT_EQ("", service().translateToUpnpValue("/vsp/CC/SUBTITLES", "Subtitles.Language.English"));
   EXPECT_TRUE(
-      mLog->contains("Mismatch between status and upnp value lists for Status Key [/vsp/CC/SUBTITLES] and UPnP Key "
+      mLog->hasExact("Mismatch between status and upnp value lists for Status Key [/vsp/CC/SUBTITLES] and UPnP Key "
                      "[Subtitles.Language]"));
-  EXPECT_EQ(0, mLog->levelOf("Mismatch between status and upnp value lists for Status Key [/vsp/CC/SUBTITLES] and "
-                             "UPnP Key [Subtitles.Language]"));
+  EXPECT_EQ(0, mLog->levelOfFirst("Mismatch between status and upnp value lists for Status Key [/vsp/CC/SUBTITLES] and "
+                                  "UPnP Key [Subtitles.Language]"));
   EXPECT_EQ("", service().translateToStatusValue("Subtitles.Language", "English"));
   EXPECT_TRUE(
-      mLog->contains("Mismatch between status and upnp value lists for Status Key [Subtitles.Language] and UPnP Key "
+      mLog->hasExact("Mismatch between status and upnp value lists for Status Key [Subtitles.Language] and UPnP Key "
                      "[/vsp/CC/SUBTITLES]"));
 }
 
@@ -167,10 +167,10 @@ TEST_F(DataModelTablesTest, TvFormatListPairsWithNothing) {
 TEST_F(DataModelTablesTest, UnknownValueComesBackUnchanged) {
   EXPECT_EQ("Display.CC.FontSize.Huge",
             service().translateToUpnpValue("/vsp/CC/FONT_SIZE", "Display.CC.FontSize.Huge"));
-  EXPECT_EQ(2, mLog->levelOf("Status Value [Display.CC.FontSize.Huge] has no valid mapping for UPnP Key "
-                             "[/vsp/CC/FONT_SIZE]"));
+  EXPECT_EQ(2, mLog->levelOfFirst("Status Value [Display.CC.FontSize.Huge] has no valid mapping for UPnP Key "
+                                  "[/vsp/CC/FONT_SIZE]"));
   EXPECT_EQ("Huge", service().translateToStatusValue("Display.CC.FontSize", "Huge"));
-  EXPECT_EQ(2, mLog->levelOf("UPnP Value [Huge] has no valid mapping to Status Key [Display.CC.FontSize]"));
+  EXPECT_EQ(2, mLog->levelOfFirst("UPnP Value [Huge] has no valid mapping to Status Key [Display.CC.FontSize]"));
 }
 
 TEST_F(DataModelTablesTest, SpecialTranslationsAreNeverLoaded) {

@@ -22,13 +22,6 @@ std::string pathList(std::initializer_list<std::string> paths) {
   return xml + "</NodeAttributePathList>";
 }
 
-void expectFailure(const ActionResult& r, int code, const std::string& description) {
-  EXPECT_EQ(1, r.result.kind);
-  EXPECT_EQ(code, r.result.code);
-  EXPECT_EQ(description, r.result.description);
-  EXPECT_EQ("untouched", r.out);
-}
-
 TEST_F(GetAttributesTest, OnePathPrintsSixLines) {
   ActionResult r = getAttributes(pathList({"/vsp/HDTV/NATIVE"}));
   EXPECT_EQ(0, r.result.kind);
@@ -87,13 +80,12 @@ TEST_F(GetAttributesTest, TopLevelPathElementsAreAccepted) {
 TEST_F(GetAttributesTest, MalformedArgumentsAreInvalidXml) {
   expectFailure(getAttributes("", "untouched"), 702, "Invalid XML Argument");
   expectFailure(getAttributes("<a><b></a>", "untouched"), 702, "Invalid XML Argument");
-  EXPECT_EQ(0, mLog->levelOf("Server didn't provide us with a proper xml string"));
+  EXPECT_EQ(0, mLog->levelOfFirst("Server didn't provide us with a proper xml string"));
 }
 
 TEST_F(GetAttributesTest, EmptyElementIsInvalidXml) {
-  expectFailure(getAttributes("<NodeAttributePathList><NodeAttributePath/></NodeAttributePathList>", "untouched"), 702,
-                "Invalid XML Argument");
-  EXPECT_EQ(0, mLog->levelOf("No text was given in XML element"));
+  expectInvalidXml(getAttributes("<NodeAttributePathList><NodeAttributePath/></NodeAttributePathList>", "untouched"),
+                   "No text was given in XML element");
 }
 
 TEST_F(GetAttributesTest, SiblingOfAnotherNameDiscardsWhatWasAccepted) {
@@ -101,8 +93,7 @@ TEST_F(GetAttributesTest, SiblingOfAnotherNameDiscardsWhatWasAccepted) {
       "<NodeAttributePathList><NodeAttributePath>/vsp/RCS/ESN</NodeAttributePath><Path>/vsp/RCS/ESN</Path>"
       "</NodeAttributePathList>",
       "untouched");
-  expectFailure(r, 702, "Invalid XML Argument");
-  EXPECT_EQ(0, mLog->levelOf("Element value should be NodeAttributePath not [Path]"));
+  expectInvalidXml(r, "Element value should be NodeAttributePath not [Path]");
 }
 
 TEST_F(GetAttributesTest, NamespacedListFailsOnItsName) {
@@ -110,7 +101,7 @@ TEST_F(GetAttributesTest, NamespacedListFailsOnItsName) {
       "<cms:NodeAttributePathList><NodeAttributePath>/vsp/RCS/ESN</NodeAttributePath></cms:NodeAttributePathList>",
       "untouched");
   expectFailure(r, 702, "Invalid XML Argument");
-  EXPECT_TRUE(mLog->contains("Element value should be NodeAttributePath not [cms:NodeAttributePathList]"));
+  EXPECT_TRUE(mLog->hasExact("Element value should be NodeAttributePath not [cms:NodeAttributePathList]"));
 }
 
 TEST_F(GetAttributesTest, ListWithoutPathElementHasNoSuchName) {

@@ -22,13 +22,6 @@ std::string parameterXml(const std::string& path, const std::string& value) {
          "</Value>\n    </Parameter>\n";
 }
 
-void expectFailure(const ActionResult& r, int code, const std::string& description) {
-  EXPECT_EQ(1, r.result.kind);
-  EXPECT_EQ(code, r.result.code);
-  EXPECT_EQ(description, r.result.description);
-  EXPECT_EQ("untouched", r.out);
-}
-
 TEST_F(GetValuesTest, PrintsTheParameterValueListExactly) {
   setStatuses({{"HDTV.Video.Native", "HDTV.Video.Native.On"}, {"ESN", "a<b&c"}});
   ActionResult r = getValues(contentPathList({"/vsp/HDTV/NATIVE", "/vsp/RCS/ESN", "/vsp/CHD/MEDIA_TRANSITION"}));
@@ -82,8 +75,7 @@ TEST_F(GetValuesTest, NamespacedRootFailsOnItsName) {
       "<cms:ContentPathList xmlns:cms=\"urn:schemas-upnp-org:dm:cms\"><ContentPath>/vsp/</ContentPath>"
       "</cms:ContentPathList>",
       "untouched");
-  expectFailure(r, 702, "Invalid XML Argument");
-  EXPECT_EQ(0, mLog->levelOf("Element value should be ContentPath not [cms:ContentPathList]"));
+  expectInvalidXml(r, "Element value should be ContentPath not [cms:ContentPathList]");
 }
 
 TEST_F(GetValuesTest, SiblingOfAnotherNameFailsAfterTheFirstPathWasChecked) {
@@ -91,8 +83,8 @@ TEST_F(GetValuesTest, SiblingOfAnotherNameFailsAfterTheFirstPathWasChecked) {
       getValues("<ContentPathList><ContentPath>/vsp/RCS/ESN</ContentPath><Path>/vsp/RCS/ESN</Path></ContentPathList>",
                 "untouched");
   expectFailure(r, 702, "Invalid XML Argument");
-  int checked = mLog->indexOf("Path [/vsp/RCS/ESN] is a valid key for mStatuses");
-  int failed = mLog->indexOf("Element value should be ContentPath not [Path]");
+  int checked = mLog->indexOfFirst("Path [/vsp/RCS/ESN] is a valid key for mStatuses");
+  int failed = mLog->indexOfFirst("Element value should be ContentPath not [Path]");
   EXPECT_GE(checked, 0);
   EXPECT_GT(failed, checked);
 }
@@ -100,25 +92,25 @@ TEST_F(GetValuesTest, SiblingOfAnotherNameFailsAfterTheFirstPathWasChecked) {
 TEST_F(GetValuesTest, MalformedArgumentsAreInvalidXml) {
   for (const char* xml : {"", "not xml", "<ContentPathList><ContentPath>/vsp/</ContentPath>", "<<<>>>",
                           "<!-- only a comment -->", "<ContentPath>/vsp/RCS/ESN</ContentPath><broken"}) {
+    SCOPED_TRACE(xml);
     mLog->clear();
-    expectFailure(getValues(xml, "untouched"), 702, "Invalid XML Argument");
-    EXPECT_EQ(0, mLog->levelOf("Server did not provide us with a proper xml string")) << xml;
+    expectInvalidXml(getValues(xml, "untouched"), "Server did not provide us with a proper xml string");
   }
 }
 
 TEST_F(GetValuesTest, ElementWithoutTextIsInvalidXml) {
   for (const char* xml : {"<ContentPathList><ContentPath/></ContentPathList>",
                           "<ContentPathList><ContentPath>/vsp/RCS/ESN</ContentPath><Other/></ContentPathList>"}) {
+    SCOPED_TRACE(xml);
     mLog->clear();
-    expectFailure(getValues(xml, "untouched"), 702, "Invalid XML Argument");
-    EXPECT_EQ(0, mLog->levelOf("No text was given in XML element")) << xml;
+    expectInvalidXml(getValues(xml, "untouched"), "No text was given in XML element");
   }
 }
 
 TEST_F(GetValuesTest, UnknownPathFailsTheWholeRequest) {
   ActionResult r = getValues(contentPathList({"/vsp/RCS/ESN", "/vsp/RCS/NOPE"}), "untouched");
   expectFailure(r, 703, "No Such Name");
-  EXPECT_EQ(0, mLog->levelOf("Path[/vsp/RCS/NOPE] does not exists in our data model"));
+  EXPECT_EQ(0, mLog->levelOfFirst("Path[/vsp/RCS/NOPE] does not exists in our data model"));
   expectFailure(getValues(contentPathList({"/vsp/CC"}), "untouched"), 703, "No Such Name");
 }
 
@@ -142,8 +134,8 @@ TEST_F(GetValuesTest, DottedValuesAreCutToTheirLastComponent) {
   EXPECT_EQ("7", valueOf("/vsp/ClientInfo/SOFTWARE_VERSION"));
   EXPECT_EQ("1.0.0.0", valueOf("/vsp/CHD/CEC_ACTIVE_SOURCE"));
   EXPECT_EQ("12.5", valueOf("/vsp/Connection/RX_BYTES"));
-  EXPECT_TRUE(mLog->contains("Queried status [Rx bytes] and got value [12.5]"));
-  EXPECT_TRUE(mLog->contains("Current value is [1.0.0.0]"));
+  EXPECT_TRUE(mLog->hasExact("Queried status [Rx bytes] and got value [12.5]"));
+  EXPECT_TRUE(mLog->hasExact("Current value is [1.0.0.0]"));
 }
 
 TEST_F(GetValuesTest, TimersAndCountersAreDecimal) {
@@ -153,8 +145,8 @@ TEST_F(GetValuesTest, TimersAndCountersAreDecimal) {
   EXPECT_EQ("7", valueOf("/vsp/CHD/CONNECTION_DURATION"));
   EXPECT_EQ("0", valueOf("/vsp/ClientInfo/UPTIME"));
   EXPECT_EQ("4294967295", valueOf("/vsp/CHD/WIFI_ERRORS"));
-  EXPECT_TRUE(mLog->contains("Timer [Connected Timer] has elapsed time [7]"));
-  EXPECT_TRUE(mLog->contains("Counter [Wifi Error Counter] has count value [4294967295]"));
+  EXPECT_TRUE(mLog->hasExact("Timer [Connected Timer] has elapsed time [7]"));
+  EXPECT_TRUE(mLog->hasExact("Counter [Wifi Error Counter] has count value [4294967295]"));
 }
 
 TEST_F(GetValuesTest, SamePathTwiceGivesTwoParameters) {

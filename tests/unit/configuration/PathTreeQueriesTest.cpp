@@ -11,7 +11,7 @@ typedef ConfigurationTest PathTreeQueriesTest;
 
 TEST_F(PathTreeQueriesTest, CountDepthCountsSlashes) {
   EXPECT_EQ(-1, service().countDepth(""));
-  EXPECT_EQ(2, mLog->levelOf("Path was empty returning with a count of -1"));
+  EXPECT_EQ(2, mLog->levelOfFirst("Path was empty returning with a count of -1"));
   EXPECT_EQ(1, service().countDepth("/"));
   EXPECT_EQ(0, service().countDepth("vsp"));
   EXPECT_EQ(1, service().countDepth("/vsp"));
@@ -103,7 +103,7 @@ TEST_F(PathTreeQueriesTest, KnownLeafIsAnsweredWithItselfAtEveryDepth) {
     EXPECT_EQ(std::vector<std::string>{"/vsp/CC/CAPTIONING"}, supportedParameters("/vsp/CC/CAPTIONING", depth))
         << depth;
   }
-  EXPECT_EQ(5, mLog->levelOf("Path [/vsp/CC/CAPTIONING] is a valid key for mStatuses"));
+  EXPECT_EQ(5, mLog->levelOfFirst("Path [/vsp/CC/CAPTIONING] is a valid key for mStatuses"));
 }
 
 TEST_F(PathTreeQueriesTest, EveryKindOfLeafIsValid) {
@@ -117,7 +117,7 @@ TEST_F(PathTreeQueriesTest, EveryKindOfLeafIsValid) {
   };
   for (const auto& leaf : leaves) {
     EXPECT_EQ(std::vector<std::string>{leaf.first}, supportedParameters(leaf.first, 1));
-    EXPECT_TRUE(mLog->contains(std::string("Path [") + leaf.first + "] is a valid key for " + leaf.second))
+    EXPECT_TRUE(mLog->hasExact(std::string("Path [") + leaf.first + "] is a valid key for " + leaf.second))
         << leaf.first;
   }
 }
@@ -128,7 +128,7 @@ TEST_F(PathTreeQueriesTest, PartialPathWithoutSlashIsAnUnknownLeaf) {
   EXPECT_EQ("No Such Name", r.result.description);
   EXPECT_EQ(703, r.result.code);
   EXPECT_EQ("untouched", r.out);
-  EXPECT_EQ(2, mLog->levelOf("Path [/vsp/CC] is NOT a valid UPnP path key"));
+  EXPECT_EQ(2, mLog->levelOfFirst("Path [/vsp/CC] is NOT a valid UPnP path key"));
 }
 
 TEST_F(PathTreeQueriesTest, UnknownPartialPathHasNoSuchName) {

@@ -131,7 +131,7 @@ TEST_F(ServiceFrameTest, RegistersElevenActionsInOrder) {
     EXPECT_EQ(expected[i].in, joined(actions[i]->getInArgs())) << expected[i].name;
     EXPECT_EQ(expected[i].out, joined(actions[i]->getOutArgs())) << expected[i].name;
   }
-  EXPECT_FALSE(mLog->contains("invalid action types for action GenCHDData - discarding"));
+  EXPECT_FALSE(mLog->hasExact("invalid action types for action GenCHDData - discarding"));
   EXPECT_NE(std::string::npos, service().getXML().find("GenCHDData"));
 }
 
@@ -174,8 +174,8 @@ TEST_F(ServiceFrameTest, StatusChangeUpdatesTheModelAndTheEventedVariable) {
   EXPECT_EQ("1,", update.substr(0, 2));
   EXPECT_EQ(update, service().getVars().getValue("SupportedParametersUpdate"));
   EXPECT_EQ("123", valueOf("/vsp/RCS/ESN"));
-  EXPECT_EQ(6, mLog->levelOf("Updated param[/vsp/RCS/ESN] with value[123],  parameter update count[1]  time[" +
-                             update.substr(2) + "]"));
+  EXPECT_EQ(6, mLog->levelOfFirst("Updated param[/vsp/RCS/ESN] with value[123],  parameter update count[1]  time[" +
+                                  update.substr(2) + "]"));
   // The data model keeps what was sent, and the other side of the update stays as it was.
   EXPECT_EQ("0,0001-01-01T00:00:00Z,,", [&] {
     std::string out;
@@ -206,17 +206,17 @@ TEST_F(ServiceFrameTest, TwoChangesCountTwiceAndAreEventedOnce) {
   EXPECT_TRUE(service().getVars().hasChanges());
   const std::string noSubscriber =
       "KTVRNA-67902: Server has not UPnP subscribed to handle ConfigurationManagement notifications";
-  EXPECT_EQ(0, mLog->count(noSubscriber));
+  EXPECT_EQ(0, mLog->exactAnyLevel(noSubscriber));
   runEventingCycle();
-  EXPECT_EQ(1, mLog->count(noSubscriber));
-  EXPECT_EQ(6, mLog->levelOf(noSubscriber));
+  EXPECT_EQ(1, mLog->exactAnyLevel(noSubscriber));
+  EXPECT_EQ(6, mLog->levelOfFirst(noSubscriber));
   // Sent although nobody listens.
   EXPECT_FALSE(service().getVars().hasChanges());
   runEventingCycle();
-  EXPECT_EQ(1, mLog->count(noSubscriber));
+  EXPECT_EQ(1, mLog->exactAnyLevel(noSubscriber));
   setStatuses({{"ESN", "3"}});
   runEventingCycle();
-  EXPECT_EQ(2, mLog->count(noSubscriber));
+  EXPECT_EQ(2, mLog->exactAnyLevel(noSubscriber));
 }
 
 TEST_F(ServiceFrameTest, AspectRatioSetsTheTvFormatOnLocaleTwo) {
@@ -285,8 +285,8 @@ TEST_F(ServiceFrameTest, RefreshEventsAreHandledUnderTheLock) {
   mStore->postEvent("Settings Refresh Completed Event", "", 0);
   mStore->postEvent("Unrelated Event", "", 0);
   flush();
-  EXPECT_EQ(2, mLog->levelOf("Settings refresh error reported: [bad resolution]"));
-  EXPECT_EQ(5, mLog->levelOf("Settings refresh completed"));
+  EXPECT_EQ(2, mLog->levelOfFirst("Settings refresh error reported: [bad resolution]"));
+  EXPECT_EQ(5, mLog->levelOfFirst("Settings refresh completed"));
 }
 
 TEST_F(ServiceFrameTest, ShutdownStopsListeningAndEventing) {
@@ -298,7 +298,7 @@ TEST_F(ServiceFrameTest, ShutdownStopsListeningAndEventing) {
   runEventingCycle();
   EXPECT_TRUE(service().getVars().hasChanges());
   EXPECT_FALSE(
-      mLog->contains("KTVRNA-67902: Server has not UPnP subscribed to handle ConfigurationManagement notifications"));
+      mLog->hasExact("KTVRNA-67902: Server has not UPnP subscribed to handle ConfigurationManagement notifications"));
   service().shutdown();  // a second time is harmless
 }
 

@@ -34,6 +34,15 @@ class SetValuesTest : public ConfigurationTest {
     service().notifyEventPosted("Unrelated Event", "");
   }
 
+  // A SetValues the client app leaves unanswered, once the driven clock has
+  // reached the end of the 5000 ms wait for the completion event.
+  std::future<ActionResult> setValuesPastTheWait(const std::string& xml) {
+    std::future<ActionResult> pending = setValuesAsync(xml);
+    waitUntilWaiting(1);
+    mClock->advance(5000);
+    return pending;
+  }
+
   void expectResult(const ActionResult& r, int kind, const std::string& description, int code) {
     EXPECT_EQ(kind, r.result.kind);
     EXPECT_EQ(description, r.result.description);
@@ -74,9 +83,9 @@ TEST_F(SetValuesTest, AppliesSettingsAndAnswersChangesApplied) {
   EXPECT_EQ("Settings Refresh Started Event", events[0]);
   EXPECT_EQ("Settings Refresh Apply Event", events[1]);
   EXPECT_EQ("Settings Refresh Completed Event", events[2]);
-  EXPECT_TRUE(mLog->contains("Posting 2 SetValues status updates"));
-  EXPECT_TRUE(mLog->contains("Storing file setting: Key[HDTV.Video.Native] Value[HDTV.Video.Native.On]"));
-  EXPECT_TRUE(mLog->contains("Received setting refresh completed response"));
+  EXPECT_TRUE(mLog->hasExact("Posting 2 SetValues status updates"));
+  EXPECT_TRUE(mLog->hasExact("Storing file setting: Key[HDTV.Video.Native] Value[HDTV.Video.Native.On]"));
+  EXPECT_TRUE(mLog->hasExact("Received setting refresh completed response"));
 
   flush();
   EXPECT_EQ("On", valueOf("/vsp/HDTV/NATIVE"));
@@ -94,8 +103,8 @@ TEST_F(SetValuesTest, FileSettingsAreSavedBeforeTheStatusesArePosted) {
   mRecorder.onStatuses = nullptr;
   expectResult(r, 0, "", 0);
   EXPECT_NE(std::string::npos, fileWhenPosted.find("HDTV.Video.BarColor=HDTV.Video.BarColor.Gray")) << fileWhenPosted;
-  EXPECT_LT(mLog->indexOf("Saving new settings file updates"),
-            mLog->indexOf("Waiting for Zuna to apply setting refresh"));
+  EXPECT_LT(mLog->indexOfFirst("Saving new settings file updates"),
+            mLog->indexOfFirst("Waiting for Zuna to apply setting refresh"));
 }
 
 TEST_F(SetValuesTest, OnlyUntranslatableParametersLeaveNothingToApply) {
@@ -151,7 +160,7 @@ TEST_F(SetValuesTest, EachMalformedParameterHasItsAnswer) {
     ActionResult r = setValues(c.xml, UNTOUCHED);
     expectResult(r, 1, c.description, c.code);
     EXPECT_EQ(UNTOUCHED, r.out) << c.xml;
-    EXPECT_EQ(0, mLog->levelOf(c.log)) << c.xml;
+    EXPECT_EQ(0, mLog->levelOfFirst(c.log)) << c.xml;
   }
   EXPECT_TRUE(mRecorder.entries().empty());
 }
@@ -180,7 +189,7 @@ TEST_F(SetValuesTest, InStandbyTheAnswerIsImmediate) {
   for (const std::string& name : mRecorder.eventNames()) {
     EXPECT_NE("Settings Refresh Apply Event", name);
   }
-  EXPECT_EQ(2, mLog->levelOf("Zuna is currently in standby, not waiting for setting refresh response"));
+  EXPECT_EQ(2, mLog->levelOfFirst("Zuna is currently in standby, not waiting for setting refresh response"));
   EXPECT_EQ("HDTV.Video.Native.Off", mStore->getStatus("HDTV.Video.Native"));
 }
 
@@ -208,8 +217,8 @@ TEST_F(SetValuesTest, ErrorFollowedByCompletionReportsTheErrorText) {
   ActionResult r = setValues(parameterValueList({{"/vsp/HDTV/NATIVE", "On"}}), UNTOUCHED);
   expectResult(r, 4, "Display refused 2160p", 802);
   EXPECT_EQ("ChangesApplied", r.out);
-  EXPECT_EQ(2, mLog->levelOf("Encountered settings refresh error: [Display refused 2160p]"));
-  EXPECT_EQ(2, mLog->levelOf("Settings refresh error reported: [Display refused 2160p]"));
+  EXPECT_EQ(2, mLog->levelOfFirst("Encountered settings refresh error: [Display refused 2160p]"));
+  EXPECT_EQ(2, mLog->levelOfFirst("Settings refresh error reported: [Display refused 2160p]"));
 
   // The next request starts without the old error.
   mClient->setMode(FakeClientApp::COMPLETE);
@@ -227,16 +236,14 @@ TEST_F(SetValuesTest, SilenceTimesOutAfterExactly5000Ms) {
   ActionResult r = pending.get();
   expectResult(r, 3, "Settings Refresh Timed Out", 801);
   EXPECT_EQ("ChangesApplied", r.out);
-  EXPECT_EQ(2, mLog->levelOf("Timed out waiting for settings refresh to complete"));
+  EXPECT_EQ(2, mLog->levelOfFirst("Timed out waiting for settings refresh to complete"));
   // The changes stay although the handshake failed.
   EXPECT_EQ("HDTV.Video.Native.On", mStore->getStatus("HDTV.Video.Native"));
 }
 
 TEST_F(SetValuesTest, AnErrorWithoutCompletionEndsAsTheTimeOut) {
   mClient->setMode(FakeClientApp::ERROR_ONLY, "late");
-  std::future<ActionResult> pending = setValuesAsync(parameterValueList({{"/vsp/HDTV/NATIVE", "On"}}));
-  waitUntilWaiting(1);
-  mClock->advance(5000);
+  std::future<ActionResult> pending = setValuesPastTheWait(parameterValueList({{"/vsp/HDTV/NATIVE", "On"}}));
   ASSERT_EQ(std::future_status::ready, pending.wait_for(std::chrono::seconds(10)));
   expectResult(pending.get(), 3, "Settings Refresh Timed Out", 801);
 }
@@ -245,17 +252,16 @@ TEST_F(SetValuesTest, LaterParameterForTheSameKeyWins) {
   ActionResult r = setValues(parameterValueList({{"/vsp/HDTV/NATIVE", "On"}, {"/vsp/HDTV/NATIVE", "Off"}}));
   expectResult(r, 0, "", 0);
   EXPECT_EQ("HDTV.Video.Native.Off", mStore->getStatus("HDTV.Video.Native"));
-  EXPECT_TRUE(mLog->contains("Posting 1 SetValues status updates"));
+  EXPECT_TRUE(mLog->hasExact("Posting 1 SetValues status updates"));
 }
 
 TEST_F(SetValuesTest, SelectingAResolutionAddsAnUpdateAndItsOverrideSurvivesATimeOut) {
   mClient->setMode(FakeClientApp::SILENT);
-  std::future<ActionResult> pending = setValuesAsync(parameterValueList({{"/vsp/HDTV/SELECTED_RESOLUTION", "2160p"}}));
-  waitUntilWaiting(1);
-  mClock->advance(5000);
+  std::future<ActionResult> pending =
+      setValuesPastTheWait(parameterValueList({{"/vsp/HDTV/SELECTED_RESOLUTION", "2160p"}}));
   ASSERT_EQ(std::future_status::ready, pending.wait_for(std::chrono::seconds(10)));
   expectResult(pending.get(), 3, "Settings Refresh Timed Out", 801);
-  EXPECT_TRUE(mLog->contains("Posting 2 SetValues status updates"));
+  EXPECT_TRUE(mLog->hasExact("Posting 2 SetValues status updates"));
   EXPECT_EQ("Common.On", mStore->getStatus("HDTV.TVResolutions.2160p"));
   EXPECT_EQ("HDTV.TVResolutions.2160p", mStore->getStatus("HDTV.TVResolutions.SelectedResolution"));
   EXPECT_EQ("EDID Override Enabled", mStore->getStatus("EDID Override 2160p"));
@@ -321,13 +327,13 @@ TEST_F(OverrideRequestsTest, ResolutionSwitchesSetTheirOverride) {
   apply({{"HDTV.TVResolutions.1080p", "Common.On"}, {"HDTV.TVResolutions.2160p", "Common.Off"}});
   EXPECT_EQ("EDID Override Enabled", mStore->getStatus("EDID Override 1080p"));
   EXPECT_EQ("EDID Override Disabled", mStore->getStatus("EDID Override 2160p"));
-  EXPECT_EQ(5, mLog->levelOf("Request to enable 1080p detected, enabling 1080p EEDID override"));
-  EXPECT_EQ(5, mLog->levelOf("Request to disable 2160p detected, disabling 2160p EEDID override"));
+  EXPECT_EQ(5, mLog->levelOfFirst("Request to enable 1080p detected, enabling 1080p EEDID override"));
+  EXPECT_EQ(5, mLog->levelOfFirst("Request to disable 2160p detected, disabling 2160p EEDID override"));
   apply({{"HDTV.TVResolutions.1080p", "Common.Off"}, {"HDTV.TVResolutions.2160p", "Common.On"}});
   EXPECT_EQ("EDID Override Disabled", mStore->getStatus("EDID Override 1080p"));
   EXPECT_EQ("EDID Override Enabled", mStore->getStatus("EDID Override 2160p"));
-  EXPECT_TRUE(mLog->contains("Request to disable 1080p detected, disabling 1080p EEDID override"));
-  EXPECT_TRUE(mLog->contains("Request to enable 2160p detected, enabling 2160p EEDID override"));
+  EXPECT_TRUE(mLog->hasExact("Request to disable 1080p detected, disabling 1080p EEDID override"));
+  EXPECT_TRUE(mLog->hasExact("Request to enable 2160p detected, enabling 2160p EEDID override"));
 }
 
 TEST_F(OverrideRequestsTest, OtherResolutionValuesDoNothing) {
@@ -345,7 +351,7 @@ TEST_F(OverrideRequestsTest, SelectingAResolutionWinsOverDisablingIt) {
   ASSERT_EQ(2u, entries.size());
   EXPECT_EQ("EDID Override Disabled", entries[0].statuses.at("EDID Override 1080p"));
   EXPECT_EQ("EDID Override Enabled", entries[1].statuses.at("EDID Override 1080p"));
-  EXPECT_TRUE(mLog->contains("Request to set selected resolution to 1080p detected, enabling 1080p EEDID override"));
+  EXPECT_TRUE(mLog->hasExact("Request to set selected resolution to 1080p detected, enabling 1080p EEDID override"));
 }
 
 TEST_F(OverrideRequestsTest, Selecting2160pAddsItsSwitch) {
@@ -353,7 +359,7 @@ TEST_F(OverrideRequestsTest, Selecting2160pAddsItsSwitch) {
   EXPECT_EQ(2u, result.size());
   EXPECT_EQ("Common.On", result.at("HDTV.TVResolutions.2160p"));
   EXPECT_EQ("EDID Override Enabled", mStore->getStatus("EDID Override 2160p"));
-  EXPECT_TRUE(mLog->contains("Request to set selected resolution to 2160p detected, enabling 2160p EEDID override"));
+  EXPECT_TRUE(mLog->hasExact("Request to set selected resolution to 2160p detected, enabling 2160p EEDID override"));
 }
 
 TEST_F(OverrideRequestsTest, StandbyRequestsBecomeEvents) {
@@ -362,9 +368,9 @@ TEST_F(OverrideRequestsTest, StandbyRequestsBecomeEvents) {
   StatusMap kept = apply({{"In Standby", "Sleepy"}});
   EXPECT_EQ("Sleepy", kept.at("In Standby"));
   EXPECT_EQ((std::vector<std::string>{"Enter Standby Event", "Exit Standby Event"}), mRecorder.eventNames());
-  EXPECT_EQ(5, mLog->levelOf("Received UPnP request to enter standby"));
-  EXPECT_EQ(5, mLog->levelOf("Received UPnP request to exit standby"));
-  EXPECT_EQ(5, mLog->levelOf("Received invalid UPnP request [Sleepy] for standby"));
+  EXPECT_EQ(5, mLog->levelOfFirst("Received UPnP request to enter standby"));
+  EXPECT_EQ(5, mLog->levelOfFirst("Received UPnP request to exit standby"));
+  EXPECT_EQ(5, mLog->levelOfFirst("Received invalid UPnP request [Sleepy] for standby"));
   for (const auto& entry : mRecorder.entries()) {
     EXPECT_EQ("", entry.value);
   }
