@@ -23,8 +23,8 @@
 
 namespace {
 
-const char* const WHOLE_TREE = "<ContentPathList><ContentPath>/vsp/</ContentPath></ContentPathList>";
-const char* const ONE_LEAF = "<ContentPathList><ContentPath>/vsp/HDTV/NATIVE</ContentPath></ContentPathList>";
+const char* const kWholeTree = "<ContentPathList><ContentPath>/vsp/</ContentPath></ContentPathList>";
+const char* const kOneLeaf = "<ContentPathList><ContentPath>/vsp/HDTV/NATIVE</ContentPath></ContentPathList>";
 
 struct FunctionCall {
   std::function<void()> fn;
@@ -86,7 +86,7 @@ class Environment {
  private:
   bool ready() {
     std::string answer;
-    runOn(dispatcher(), [&] { mService->GetValues(ONE_LEAF, answer); });
+    runOn(dispatcher(), [&] { mService->GetValues(kOneLeaf, answer); });
     std::string standby;
     runOn(dispatcher(), [&] { mService->GetValues("<ContentPath>/vsp/Standby/IN_STANDBY</ContentPath>", standby); });
     return answer.find("<Value>On</Value>") != std::string::npos &&
@@ -150,10 +150,10 @@ void setOneFileSetting(benchmark::State& state) {
   }
 }
 
-BENCHMARK_CAPTURE(getValues, whole_tree, WHOLE_TREE)->Unit(benchmark::kMicrosecond);
-BENCHMARK_CAPTURE(getValues, one_leaf, ONE_LEAF)->Unit(benchmark::kMicrosecond);
-BENCHMARK_CAPTURE(getValuesOnDispatcher, whole_tree, WHOLE_TREE)->Unit(benchmark::kMicrosecond);
-BENCHMARK_CAPTURE(getValuesOnDispatcher, one_leaf, ONE_LEAF)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(getValues, whole_tree, kWholeTree)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(getValues, one_leaf, kOneLeaf)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(getValuesOnDispatcher, whole_tree, kWholeTree)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(getValuesOnDispatcher, one_leaf, kOneLeaf)->Unit(benchmark::kMicrosecond);
 BENCHMARK(setOneFileSetting)->Unit(benchmark::kMicrosecond);
 
 }  // namespace

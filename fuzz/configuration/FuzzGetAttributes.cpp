@@ -7,10 +7,10 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string argument(reinterpret_cast<const char*>(data), size);
-  std::string out = cmfuzz::UNTOUCHED;
+  std::string out = cmfuzz::kUntouched;
   zuna_upnp::UPnPReturn result;
   cmfuzz::onDispatcher([&] { result = cmfuzz::service().GetAttributes(argument, out); });
-  cmfuzz::checkOutArgument(result, out, cmfuzz::UNTOUCHED);
+  cmfuzz::checkOutArgument(result, out, cmfuzz::kUntouched);
   if (result.isSuccess() && out.compare(0, 6, "<Node>") != 0) {
     abort();
   }

@@ -20,6 +20,6 @@ void onDispatcher(const std::function<void()>& fn);
 // Ends the run when a failing action changed its out argument.
 void checkOutArgument(const zuna_upnp::UPnPReturn& result, const std::string& out, const std::string& before);
 
-const char* const UNTOUCHED = "\x01untouched\x02";
+const char* const kUntouched = "\x01untouched\x02";
 
 }  // namespace cmfuzz

@@ -8,7 +8,7 @@
 namespace cmtest {
 namespace {
 
-const std::vector<std::string> CAPTIONING_PATHS = {
+const std::vector<std::string> kCaptioningPaths = {
     "/vsp/CC/CAPTIONING", "/vsp/CC/DIGITAL_TRACK", "/vsp/CC/FONT_SIZE",   "/vsp/CC/FONT_STYLE",
     "/vsp/CC/FONT_COLOR", "/vsp/CC/FONT_OPACITY",  "/vsp/CC/PANEL_COLOR", "/vsp/CC/PANEL_OPACITY",
     "/vsp/CC/EDGE_COLOR", "/vsp/CC/EDGE_TYPE"};
@@ -52,7 +52,7 @@ TEST_F(DataModelTablesTest, LocaleTwoWithWifiLoads90Paths) {
   EXPECT_EQ(90u, service().dataModel().upnpKeys.size());
   EXPECT_TRUE(hasKey("/vsp/CC/SUBTITLES"));
   EXPECT_TRUE(hasKey("/vsp/HDTV/TV_ENCODING"));
-  for (const std::string& path : CAPTIONING_PATHS) {
+  for (const std::string& path : kCaptioningPaths) {
     EXPECT_FALSE(hasKey(path)) << path;
   }
   EXPECT_TRUE(hasKey("/vsp/Connection/Wifi/AP_MAC_ADDRESS"));

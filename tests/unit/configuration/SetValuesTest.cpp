@@ -9,7 +9,7 @@
 namespace cmtest {
 namespace {
 
-const char* const UNTOUCHED = "untouched";
+const char* const kUntouched = "untouched";
 
 class SetValuesTest : public ConfigurationTest {
  protected:
@@ -23,7 +23,7 @@ class SetValuesTest : public ConfigurationTest {
   }
 
   std::future<ActionResult> setValuesAsync(const std::string& xml) {
-    return std::async(std::launch::async, [this, xml] { return setValues(xml, UNTOUCHED); });
+    return std::async(std::launch::async, [this, xml] { return setValues(xml, kUntouched); });
   }
 
   // Returns once the handler waits for the completion event: the Apply event
@@ -69,7 +69,7 @@ class SetValuesTest : public ConfigurationTest {
 
 TEST_F(SetValuesTest, AppliesSettingsAndAnswersChangesApplied) {
   ActionResult r =
-      setValues(parameterValueList({{"/vsp/HDTV/NATIVE", "On"}, {"/vsp/CHD/REPORTING_INTERVAL", "900"}}), UNTOUCHED);
+      setValues(parameterValueList({{"/vsp/HDTV/NATIVE", "On"}, {"/vsp/CHD/REPORTING_INTERVAL", "900"}}), kUntouched);
   expectResult(r, 0, "", 0);
   EXPECT_EQ("ChangesApplied", r.out);
   EXPECT_EQ("HDTV.Video.Native.On", mStore->getStatus("HDTV.Video.Native"));
@@ -108,17 +108,17 @@ TEST_F(SetValuesTest, FileSettingsAreSavedBeforeTheStatusesArePosted) {
 }
 
 TEST_F(SetValuesTest, OnlyUntranslatableParametersLeaveNothingToApply) {
-  ActionResult r = setValues(parameterValueList({{"/vsp/CHD/MEDIA_TRANSITION", "Fast"}}), UNTOUCHED);
+  ActionResult r = setValues(parameterValueList({{"/vsp/CHD/MEDIA_TRANSITION", "Fast"}}), kUntouched);
   expectResult(r, 0, "No settings to apply", 0);
-  EXPECT_EQ(UNTOUCHED, r.out);
+  EXPECT_EQ(kUntouched, r.out);
   EXPECT_TRUE(mRecorder.eventNames().empty());
 }
 
 TEST_F(SetValuesTest, AnInvalidParameterFailsTheRequestAndAppliesNothing) {
   ActionResult r =
-      setValues(parameterValueList({{"/vsp/HDTV/NATIVE", "On"}, {"/vsp/HDTV/BAR_COLOR", "Purple"}}), UNTOUCHED);
+      setValues(parameterValueList({{"/vsp/HDTV/NATIVE", "On"}, {"/vsp/HDTV/BAR_COLOR", "Purple"}}), kUntouched);
   expectResult(r, 1, "Invalid Value", 705);
-  EXPECT_EQ(UNTOUCHED, r.out);
+  EXPECT_EQ(kUntouched, r.out);
   EXPECT_TRUE(mRecorder.entries().empty());
   EXPECT_EQ("", readFile(mSettingsFile));
   EXPECT_EQ("", mStore->getStatus("HDTV.Video.Native"));
@@ -157,21 +157,21 @@ TEST_F(SetValuesTest, EachMalformedParameterHasItsAnswer) {
   };
   for (const Case& c : cases) {
     mLog->clear();
-    ActionResult r = setValues(c.xml, UNTOUCHED);
+    ActionResult r = setValues(c.xml, kUntouched);
     expectResult(r, 1, c.description, c.code);
-    EXPECT_EQ(UNTOUCHED, r.out) << c.xml;
+    EXPECT_EQ(kUntouched, r.out) << c.xml;
     EXPECT_EQ(0, mLog->levelOfFirst(c.log)) << c.xml;
   }
   EXPECT_TRUE(mRecorder.entries().empty());
 }
 
 TEST_F(SetValuesTest, StandbyPathNeedsEchoSupport) {
-  ActionResult r = setValues(parameterValueList({{"/vsp/Standby/IN_STANDBY", "True"}}), UNTOUCHED);
+  ActionResult r = setValues(parameterValueList({{"/vsp/Standby/IN_STANDBY", "True"}}), kUntouched);
   expectResult(r, 1, "No Such Name", 703);
-  EXPECT_EQ(UNTOUCHED, r.out);
+  EXPECT_EQ(kUntouched, r.out);
 
   mPlatform->echo = true;
-  r = setValues(parameterValueList({{"/vsp/Standby/IN_STANDBY", "True"}}), UNTOUCHED);
+  r = setValues(parameterValueList({{"/vsp/Standby/IN_STANDBY", "True"}}), kUntouched);
   expectResult(r, 0, "", 0);
   EXPECT_EQ("True", mStore->getStatus("In Standby"));
   const std::vector<std::string> events = mRecorder.eventNames();
@@ -182,7 +182,7 @@ TEST_F(SetValuesTest, StandbyPathNeedsEchoSupport) {
 
 TEST_F(SetValuesTest, InStandbyTheAnswerIsImmediate) {
   setStatuses({{"In Standby", "True"}});
-  ActionResult r = setValues(parameterValueList({{"/vsp/HDTV/NATIVE", "Off"}}), UNTOUCHED);
+  ActionResult r = setValues(parameterValueList({{"/vsp/HDTV/NATIVE", "Off"}}), kUntouched);
   expectResult(r, 0, "", 0);
   EXPECT_EQ("ChangesApplied", r.out);
   EXPECT_EQ(0, mClient->applyCount());
@@ -195,9 +195,9 @@ TEST_F(SetValuesTest, InStandbyTheAnswerIsImmediate) {
 
 TEST_F(SetValuesTest, HdmiWithoutGoodHdcpFailsBeforeAnythingIsPosted) {
   setStatuses({{"HDMI Plug", "Common.True"}});
-  ActionResult r = setValues(parameterValueList({{"/vsp/HDTV/NATIVE", "On"}}), UNTOUCHED);
+  ActionResult r = setValues(parameterValueList({{"/vsp/HDTV/NATIVE", "On"}}), kUntouched);
   expectResult(r, 4, "HDCP Failure", 802);
-  EXPECT_EQ(UNTOUCHED, r.out);
+  EXPECT_EQ(kUntouched, r.out);
   setStatuses({{"HDCP Failure", "Common.True"}});
   expectResult(setValues(parameterValueList({{"/vsp/HDTV/NATIVE", "On"}})), 4, "HDCP Failure", 802);
   EXPECT_TRUE(storeUntouched());
@@ -214,7 +214,7 @@ TEST_F(SetValuesTest, HdcpFailureWithoutHdmiDoesNotBlock) {
 
 TEST_F(SetValuesTest, ErrorFollowedByCompletionReportsTheErrorText) {
   mClient->setMode(FakeClientApp::ERROR_THEN_COMPLETE, "Display refused 2160p");
-  ActionResult r = setValues(parameterValueList({{"/vsp/HDTV/NATIVE", "On"}}), UNTOUCHED);
+  ActionResult r = setValues(parameterValueList({{"/vsp/HDTV/NATIVE", "On"}}), kUntouched);
   expectResult(r, 4, "Display refused 2160p", 802);
   EXPECT_EQ("ChangesApplied", r.out);
   EXPECT_EQ(2, mLog->levelOfFirst("Encountered settings refresh error: [Display refused 2160p]"));
