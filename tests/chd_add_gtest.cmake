@@ -7,14 +7,3 @@ function(chd_add_gtest name)
   # Labels go on the executable's tests after discovery; a list inside PROPERTIES would be split.
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES LABELS "${T_LABEL}")
 endfunction()
-
-# chd_add_test_areas(): each folder beside the calling CMakeLists.txt that has a CMakeLists.txt of its own, so a
-# new area needs no line here.
-function(chd_add_test_areas)
-  file(GLOB areas LIST_DIRECTORIES true ${CMAKE_CURRENT_SOURCE_DIR}/*)
-  foreach(area ${areas})
-    if(IS_DIRECTORY ${area} AND EXISTS ${area}/CMakeLists.txt)
-      add_subdirectory(${area})
-    endif()
-  endforeach()
-endfunction()

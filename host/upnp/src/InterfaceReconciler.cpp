@@ -1,9 +1,7 @@
 #include "InterfaceReconciler.h"
 
 #include <algorithm>
-#include <chrono>
 #include <map>
-#include <thread>
 #include <utility>
 
 #include "StackLoop.h"

@@ -2,7 +2,6 @@
 
 #include <libxml/parser.h>
 
-#include <algorithm>
 #include <cstdlib>
 
 #include "tolvane/Logging.h"
